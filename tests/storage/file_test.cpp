@@ -1,0 +1,412 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "frame/bytes.h"
+#include "korvel.h"
+#include "storage/block.h"
+#include "storage/node.h"
+#include "support/mdf_builder.h"
+#include "support/mdf_reader.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using korvel::Node;
+
+class FileApi : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+    dir_ = fs::temp_directory_path() /
+           ("korvel_file_" +
+            std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    mdfClose();
+    fs::remove_all(dir_);
+  }
+  std::string path(const char* name) const { return (dir_ / name).string(); }
+  std::string write(const mdftest::Built& built, const char* name = "in.mdf") {
+    mdftest::write_file(path(name), built.bytes);
+    return path(name);
+  }
+  fs::path dir_;
+};
+
+// A small sorted file: one data group, one channel group with two channels.
+mdftest::FileSpec small_file() {
+  mdftest::FileSpec f;
+  auto& dg = f.add_data_group();
+  auto& cg = dg.add_channel_group(8);
+  auto& t = cg.add_channel("time", 0, 32, 2, 1);
+  t.conversion = mdftest::linear(0.0, 0.5, "s");
+  auto& v = cg.add_channel("speed", 32, 32, 0);
+  v.conversion = t.conversion;  // shared conversion block
+  v.comment = "vehicle speed";
+  t.comment = v.comment;  // shared text block
+  cg.add_record();
+  return f;
+}
+
+TEST_F(FileApi, CreateAndCloseWritesIdentificationAndHeader) {
+  mdfClose();
+  ASSERT_EQ(mdfOpen("TESTPROG"), 0);
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, path("new.mdf").c_str(), MDF_OPEN_CREATE), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+  const auto bytes = mdftest::load_file(path("new.mdf"));
+  ASSERT_EQ(bytes.size(), 64u + 208u);
+  EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 24), "MDF     3.20    TESTPROG");
+  EXPECT_EQ(bytes[24] | bytes[25] << 8, 0);  // little-endian
+  EXPECT_EQ(bytes[26] | bytes[27] << 8, 0);  // IEEE
+  EXPECT_EQ(bytes[28] | bytes[29] << 8, 320);
+  for (size_t i = 30; i < 64; ++i) EXPECT_EQ(bytes[i], 0) << i;
+  const auto r = mdftest::read_bytes(bytes);
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  EXPECT_EQ(r.header.offset, 64u);
+  EXPECT_EQ(r.header.block_size, 208);
+  EXPECT_EQ(r.header.author, "KORVEL");
+  EXPECT_EQ(r.header.timer_id, "Local PC Reference Time");
+  EXPECT_EQ(r.header.first_dg_link, 0u);
+  EXPECT_EQ(r.header.dg_count, 0);
+  ASSERT_EQ(r.header.date.size(), 10u);
+  EXPECT_EQ(r.header.date[2], ':');
+  EXPECT_EQ(r.header.date[5], ':');
+  EXPECT_EQ(r.header.time.size(), 8u);
+  EXPECT_NE(r.header.timestamp_ns, 0u);
+}
+
+TEST_F(FileApi, HeaderFieldsSurviveCloseAndReopen) {
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, path("h.mdf").c_str(), MDF_OPEN_CREATE), 0);
+  ASSERT_EQ(mdfFileSetInfo(file, "24:12:2025", "18:30:00", "a comment", "Ann", "Test bench",
+                           "Project X", "Car 7"),
+            0);
+  const std::string long32(40, 'p');
+  ASSERT_EQ(mdfFileSetProject(file, long32.c_str()), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+
+  ASSERT_EQ(mdfFileOpen(&file, path("h.mdf").c_str(), MDF_OPEN_READ), 0);
+  const char *date, *time, *text, *name, *division, *project, *subject;
+  ASSERT_EQ(mdfFileGetInfo(file, &date, &time, &text, &name, &division, &project, &subject), 0);
+  EXPECT_STREQ(date, "24:12:2025");
+  EXPECT_STREQ(time, "18:30:00");
+  EXPECT_STREQ(text, "a comment");
+  EXPECT_STREQ(name, "Ann");
+  EXPECT_STREQ(division, "Test bench");
+  EXPECT_EQ(std::string(project, 32), std::string(32, 'p'));  // full field, no terminator
+  EXPECT_STREQ(subject, "Car 7");
+  ASSERT_EQ(mdfFileClose(file), 0);
+
+  const auto r = mdftest::read_file(path("h.mdf"));
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  EXPECT_EQ(r.header.timestamp_ns, 0u);  // an explicit date replaces the stamp
+  EXPECT_EQ(r.header.comment, "a comment");
+  EXPECT_EQ(r.header.comment_link, 64u + 208u);  // appended behind the header at close
+}
+
+TEST_F(FileApi, EmptyTextRemovesTheComment) {
+  auto f = small_file();
+  f.header.comment = "old comment";
+  const auto in = write(mdftest::build(f));
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), 0);
+  const char* text = nullptr;
+  ASSERT_EQ(mdfFileGetText(file, &text), 0);
+  EXPECT_STREQ(text, "old comment");
+  ASSERT_EQ(mdfFileSetText(file, ""), 0);
+  ASSERT_EQ(mdfFileGetText(file, &text), 0);
+  EXPECT_STREQ(text, "");
+  ASSERT_EQ(mdfFileClose(file), 0);
+  const auto r = mdftest::read_file(in);
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  EXPECT_EQ(r.header.comment_link, 0u);
+}
+
+TEST_F(FileApi, ModifyAppendsTheCommentAtEveryClose) {
+  auto f = small_file();
+  f.header.comment = "kept";
+  const auto in = write(mdftest::build(f));
+  const auto size0 = fs::file_size(in);
+  for (int i = 1; i <= 2; ++i) {
+    mdf_file* file = nullptr;
+    ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), 0);
+    ASSERT_EQ(mdfFileClose(file), 0);
+    EXPECT_EQ(fs::file_size(in), size0 + i * (4 + 5u));
+  }
+  const auto r = mdftest::read_file(in);
+  EXPECT_EQ(r.header.comment, "kept");
+}
+
+TEST_F(FileApi, SettingTheDateOfAnOldHeaderKeepsItsSize) {
+  auto f = small_file();
+  f.header.block_size = 164;
+  const auto in = write(mdftest::build(f));
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), 0);
+  ASSERT_EQ(mdfFileSetDate(file, "01:02:2003"), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+  const auto r = mdftest::read_file(in);
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  EXPECT_EQ(r.header.block_size, 164);
+  EXPECT_EQ(r.header.date, "01:02:2003");
+}
+
+TEST_F(FileApi, RefusedCalls) {
+  mdf_file* file = nullptr;
+  mdfClose();
+  EXPECT_EQ(mdfFileOpen(&file, path("y.mdf").c_str(), MDF_OPEN_CREATE), MDF_ERR_NOT_INITIALIZED);
+  mdfOpen(nullptr);
+  EXPECT_EQ(mdfFileOpen(&file, path("x.mdf").c_str(), 3), MDF_ERR_OPEN_MODE);
+  EXPECT_FALSE(fs::exists(path("x.mdf")));
+  EXPECT_EQ(mdfFileClose(nullptr), 0);
+  mdfClose();
+  mdfOpen(nullptr);
+  EXPECT_EQ(mdfFileOpen(&file, path("missing.mdf").c_str(), MDF_OPEN_READ), MDF_FILE_NOT_OPENED);
+  EXPECT_EQ(file, nullptr);
+  EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: not sticky
+  uint16_t groups = 0;
+  uint32_t junk[64] = {};
+  EXPECT_EQ(mdfFileGroups(&groups, reinterpret_cast<mdf_file*>(junk)), MDF_ERR_BAD_FILE);
+  EXPECT_EQ(mdfFileIsSort(nullptr), MDF_ERR_BAD_FILE);  // the sticky error answers first
+}
+
+TEST_F(FileApi, SortednessAndGroupCount) {
+  mdftest::FileSpec f;
+  auto& dg = f.add_data_group(1);
+  dg.add_channel_group(4, 1).add_channel("a", 0, 32, 0);
+  dg.add_channel_group(2, 2).add_channel("b", 0, 16, 0);
+  f.add_data_group().add_channel_group(1).add_channel("c", 0, 8, 0);
+  const auto in = write(mdftest::build(f));
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
+  uint16_t groups = 0;
+  EXPECT_EQ(mdfFileGroups(&groups, file), 0);
+  EXPECT_EQ(groups, 3);
+  EXPECT_EQ(mdfFileIsSort(file), MDF_NOT_SORTED);
+  EXPECT_EQ(mdfGetErrorCode(), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+
+  const auto sorted = write(mdftest::build(small_file()), "sorted.mdf");
+  ASSERT_EQ(mdfFileOpen(&file, sorted.c_str(), MDF_OPEN_READ), 0);
+  EXPECT_EQ(mdfFileIsSort(file), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+}
+
+// Walks header -> first DG -> first CG -> first CN through the file's node tree.
+Node* first_channel(mdf_file* file) {
+  using namespace korvel::layout;
+  Node* dg = korvel::resolve_link(file->tree, file->header, hd::kFirstDg);
+  Node* cg = korvel::resolve_link(file->tree, dg, dg::kFirstCg);
+  return korvel::resolve_link(file->tree, cg, cg::kFirstCn);
+}
+
+// VAX D encoding computed from the value's binary expansion: 0.1f x 2^(E-128), hidden bit.
+std::array<uint8_t, 8> vax_d(double v) {
+  std::array<uint8_t, 8> out{};
+  if (v == 0.0) return out;
+  int e = 0;
+  const double m = std::frexp(std::fabs(v), &e);  // m in [0.5, 1)
+  const uint64_t fraction = static_cast<uint64_t>(std::ldexp(m * 2.0 - 1.0, 55));
+  const uint64_t bits = (uint64_t{v < 0} << 63) | (uint64_t(e + 128) << 55) | fraction;
+  for (int w = 0; w < 4; ++w) {
+    const uint16_t word = static_cast<uint16_t>(bits >> (48 - 16 * w));
+    out[2 * w] = static_cast<uint8_t>(word);
+    out[2 * w + 1] = static_cast<uint8_t>(word >> 8);
+  }
+  return out;
+}
+
+TEST_F(FileApi, VaxDFileReadsAsIeeeAndRefusesModify) {
+  auto f = small_file();
+  f.id.float_format = 2;
+  f.encode_real = vax_d;
+  auto& cn = f.data_groups[0].channel_groups[0].channels[1];
+  cn.range_valid = 1;
+  cn.min = -1.5;
+  cn.max = 1000.25;
+  cn.sample_rate = 0.01;
+  const auto in = write(mdftest::build(f));
+
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
+  Node* time = first_channel(file);
+  Node* speed = korvel::resolve_link(file->tree, time, korvel::layout::cn::kNext);
+  ASSERT_NE(speed, nullptr);
+  EXPECT_EQ(korvel::load_f64(speed->image + korvel::layout::cn::kMinimum), -1.5);
+  EXPECT_EQ(korvel::load_f64(speed->image + korvel::layout::cn::kMaximum), 1000.25);
+  EXPECT_DOUBLE_EQ(korvel::load_f64(speed->image + korvel::layout::cn::kSampleRate), 0.01);
+  // The shared conversion is converted once: factor 0.5 stays 0.5.
+  Node* cc = korvel::resolve_link(file->tree, speed, korvel::layout::cn::kConversion);
+  EXPECT_EQ(korvel::load_f64(cc->image + korvel::layout::cc::kParams + 8), 0.5);
+  ASSERT_EQ(mdfFileClose(file), 0);
+
+  EXPECT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), MDF_ERR_FLOAT_FORMAT);
+  EXPECT_EQ(file, nullptr);
+  EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_FLOAT_FORMAT);
+}
+
+TEST_F(FileApi, ChannelBlockSizesAndFloatRepair) {
+  struct Case {
+    uint16_t size;
+    uint16_t data_type, bits;
+    uint16_t expected_type;
+    uint16_t links;
+  };
+  const Case cases[] = {{218, 2, 64, 3, 5},
+                        {222, 3, 32, 2, 6},
+                        {228, 2, 32, 2, 7},
+                        {228, 3, 64, 3, 7},
+                        {240, 0, 16, 0, 7}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    mdftest::FileSpec f;
+    auto& ch = f.add_data_group().add_channel_group(8).add_channel("x", 0, c.bits, c.data_type);
+    ch.block_size = c.size;
+    if (c.size >= 222) ch.long_name = "a long name";
+    const auto in = write(mdftest::build(f));
+    mdf_file* file = nullptr;
+    ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
+    Node* cn = first_channel(file);
+    ASSERT_NE(cn, nullptr);
+    EXPECT_EQ(korvel::load_le16(cn->image + korvel::layout::cn::kDataType), c.expected_type);
+    EXPECT_EQ(cn->link_count, c.links);
+    if (c.size >= 222) {
+      Node* tx = korvel::resolve_link(file->tree, cn, korvel::layout::cn::kLongName);
+      EXPECT_STREQ(korvel::text_of(tx), "a long name");
+    }
+    ASSERT_EQ(mdfFileClose(file), 0);
+  }
+}
+
+// Damaged and hostile files: each must end the open with its status, never hang or crash.
+TEST_F(FileApi, HostileFilesAreRefused) {
+  using mdftest::Built;
+  namespace off = mdftest::off;
+  struct Case {
+    const char* what;
+    std::function<void(mdftest::FileSpec&)> spec;
+    std::function<void(Built&)> damage;
+    int16_t status;
+    bool sticky;
+  };
+  auto none = [](mdftest::FileSpec&) {};
+  const uint32_t far = 0x7FFFFFF0u;
+  const Case cases[] = {
+      {"wrong identifier", [](auto& f) { f.id.file_id = "MDX     "; }, [](Built&) {}, -2004, true},
+      {"unfinished", [](auto& f) { f.id.file_id = "UnFinMF "; }, [](Built&) {}, -2004, true},
+      {"byte 32 set", [](auto& f) { f.id.reserved32 = 1; }, [](Built&) {}, -2004, true},
+      {"byte 33 set", [](auto& f) { f.id.reserved33 = 1; }, [](Built&) {}, -2004, true},
+      {"unknown float format", [](auto& f) { f.id.float_format = 3; }, [](Built&) {}, -2012, true},
+      {"truncated identification", none, [](Built& b) { b.truncate(40); }, -2001, true},
+      {"no header", none, [](Built& b) { b.truncate(64); }, -2004, false},
+      {"header is no HD", none, [](Built& b) { b.patch_chars(64, 2, "DG"); }, -2004, true},
+      {"DG next to itself", none,
+       [](Built& b) {
+         b.patch_u32(b.data_groups[0].offset + off::dg_next, b.data_groups[0].offset);
+       },
+       -2004, true},
+      {"DG next back to the first", [](auto& f) { f.add_data_group(); },
+       [](Built& b) {
+         b.patch_u32(b.data_groups[1].offset + off::dg_next, b.data_groups[0].offset);
+       },
+       -2004, true},
+      {"CN chain loops", none,
+       [](Built& b) {
+         const auto& cns = b.data_groups[0].channel_groups[0].channels;
+         b.patch_u32(cns[1].offset + off::cn_next, cns[0].offset);
+       },
+       -2004, true},
+      {"CG chain loops", none,
+       [](Built& b) {
+         const auto& cg = b.data_groups[0].channel_groups[0];
+         b.patch_u32(cg.offset + off::cg_next, cg.offset);
+       },
+       -2004, true},
+      {"SR chain loops",
+       [](auto& f) {
+         auto& cg = f.data_groups[0].channel_groups[0];
+         cg.block_size = 30;
+         cg.sample_reductions.resize(2);
+       },
+       [](Built& b) {
+         const auto& srs = b.data_groups[0].channel_groups[0].sample_reductions;
+         b.patch_u32(srs[1] + off::sr_next, srs[0]);
+       },
+       -2004, true},
+      {"link beyond the end", none,
+       [&](Built& b) { b.patch_u32(b.data_groups[0].offset + off::dg_first_cg, far); }, -2004,
+       false},
+      {"block runs past the end", none,
+       [](Built& b) {
+         const auto& cns = b.data_groups[0].channel_groups[0].channels;
+         b.patch_u16(cns[0].offset + off::block_size, 0xFFF0);
+       },
+       -2004, false},
+      {"block size below 4", none,
+       [](Built& b) { b.patch_u16(b.data_groups[0].offset + off::block_size, 2); }, -2004, false},
+      {"unknown block identifier", none,
+       [](Built& b) { b.patch_chars(b.data_groups[0].offset, 2, "XY"); }, -2004, false},
+      {"channel block too short", none,
+       [](Built& b) {
+         const auto& cns = b.data_groups[0].channel_groups[0].channels;
+         b.patch_u16(cns[0].offset + off::block_size, 100);
+       },
+       -2004, false},
+      {"conversion link to a channel", none,
+       [](Built& b) {
+         const auto& cns = b.data_groups[0].channel_groups[0].channels;
+         b.patch_u32(cns[0].offset + off::cn_conversion, cns[1].offset);
+       },
+       -2004, true},
+      {"absurd range-table count",
+       [](auto& f) {
+         f.data_groups[0].channel_groups[0].channels[0].conversion =
+             mdftest::range_table({{0, 1, std::string("{EVAL \"2*{X}\"}")}});
+       },
+       [](Built& b) {
+         const auto& cn = b.data_groups[0].channel_groups[0].channels[0];
+         b.patch_u16(cn.conversion + off::cc_count, 0xFFFF);
+       },
+       0, false},
+      {"absurd dependency count",
+       [](auto& f) {
+         f.data_groups[0].channel_groups[0].channels[0].dependency = mdftest::dependency(0, {});
+       },
+       [](Built& b) {
+         const auto& cn = b.data_groups[0].channel_groups[0].channels[0];
+         b.patch_u16(cn.dependency + off::cd_count, 0xFFFF);
+       },
+       -2004, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+    auto f = small_file();
+    c.spec(f);
+    auto built = mdftest::build(f);
+    c.damage(built);
+    const auto in = write(built);
+    const auto before = mdftest::load_file(in);
+    mdf_file* file = nullptr;
+    EXPECT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), c.status);
+    EXPECT_EQ(mdfGetErrorCode(), c.sticky ? c.status : 0);
+    if (c.status == 0) {
+      EXPECT_EQ(mdfFileClose(file), 0);
+    } else {
+      EXPECT_EQ(file, nullptr);
+    }
+    EXPECT_EQ(mdftest::load_file(in), before);  // the source is never touched
+  }
+}
+
+}  // namespace
