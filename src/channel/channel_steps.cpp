@@ -1,0 +1,46 @@
+// Record steps of the channel Read and Write functions.
+#include "channel/channel_steps.h"
+
+#include "frame/frame.h"
+#include "group/group.h"
+
+namespace korvel {
+
+int16_t read_step(channelnode* ch) {
+  if (ch->read_steps == 0) {
+    ch->read_steps = 1;
+    return 0;
+  }
+  mdf_group* g = ch->group;
+  if (g->mode == 1) {
+    for (channelnode* other = state().open_channels; other != nullptr; other = other->next) {
+      if (other->group == g && other->write_steps != 0) {
+        if (int16_t st = group_write(g); st != 0) return st;
+        break;
+      }
+    }
+  }
+  if (int16_t st = group_seek(g, 1, MDF_SEEK_REL); st != 0) return st;
+  ++ch->read_steps;
+  return 0;
+}
+
+int16_t write_step(channelnode* ch) {
+  if (ch->write_steps == 0) {
+    ch->write_steps = 1;
+    return 0;
+  }
+  mdf_group* g = ch->group;
+  if (g->mode == 2 && g->record_index == record_count(g)) {
+    if (int16_t st = group_append(g); st != 0) return st;
+    ++g->record_index;
+    g->record_position += record_ids(g) + record_size(g);
+  } else {
+    if (int16_t st = group_write(g); st != 0) return st;
+    if (int16_t st = group_seek(g, 1, MDF_SEEK_REL); st != 0) return st;
+  }
+  ++ch->write_steps;
+  return 0;
+}
+
+}  // namespace korvel

@@ -1,0 +1,938 @@
+// Formula language of text conversion rules: lexer, shift-reduce parser and evaluator.
+//
+// The parser is an operator-precedence shift-reduce machine over an explicit stack, so a
+// deeply nested text never costs native stack. Values are computed when a construct is
+// reduced; no tree is built, so both branches of a conditional and both sides of && and ||
+// are always evaluated (a division by zero in the branch not taken still fails). The
+// stack is measured in the grammar symbols its entries stand for (an open parenthesis is
+// one, "( cond ) ? e :" is six) and may hold at most 10000 of them, start state included;
+// a text that needs more fails like a syntax error.
+
+#include "convert/formula.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <new>
+#include <system_error>
+#include <vector>
+
+namespace korvel {
+namespace {
+
+constexpr int16_t kOk = 0;
+constexpr int16_t kSyntax = 7;
+constexpr int16_t kMathFault = 8;
+
+constexpr size_t kStackLimit = 10000;  // grammar symbols on the stack, start state included
+constexpr size_t kStackInitial = 200;
+constexpr size_t kNameKeep = 80;  // characters of a name that are kept; the rest is dropped
+
+constexpr double kE = 2.718281828459045;
+constexpr double kPi = 3.141592653589793;
+constexpr double kTwo32 = 4294967296.0;
+
+const char* const kMsgSyntax = "error: syntax";
+const char* const kMsgOverflow = "parser stack overflow";
+
+// clang-format off
+enum class Tok : uint8_t {
+  End, Number, Variable, Function, Pow, Min, Max, Bool, Bit, Random, ConstE, ConstPi, True,
+  False, Reserved, Unknown,
+  Plus, Minus, Star, Slash, Percent, Caret, ShiftLeft, ShiftRight, BitOr, BitAnd, BitXor,
+  Tilde, Not, Less, LessEq, Greater, GreaterEq, Equal, NotEqual, OrOr, AndAnd,
+  LParen, RParen, Comma, Question, Colon, Other
+};
+// clang-format on
+
+// Decimal numbers are classified by value; only a 16-bit integer may stand as a bit number.
+enum class NumberKind : uint8_t { Int16, Int32, Floating };
+
+using UnaryFn = double (*)(double);
+
+double fn_acos(double v) {
+  return std::acos(v);
+}
+double fn_asin(double v) {
+  return std::asin(v);
+}
+double fn_atan(double v) {
+  return std::atan(v);
+}
+double fn_cos(double v) {
+  return std::cos(v);
+}
+double fn_sin(double v) {
+  return std::sin(v);
+}
+double fn_tan(double v) {
+  return std::tan(v);
+}
+double fn_cosh(double v) {
+  return std::cosh(v);
+}
+double fn_sinh(double v) {
+  return std::sinh(v);
+}
+double fn_tanh(double v) {
+  return std::tanh(v);
+}
+double fn_exp(double v) {
+  return std::exp(v);
+}
+double fn_ln(double v) {
+  return std::log(v);
+}
+double fn_log(double v) {
+  return std::log10(v);
+}
+double fn_sqr(double v) {
+  return v * v;
+}
+double fn_sqrt(double v) {
+  return std::sqrt(v);
+}
+double fn_abs(double v) {
+  return std::fabs(v);
+}
+double fn_ceil(double v) {
+  return std::ceil(v);
+}
+double fn_floor(double v) {
+  return std::floor(v);
+}
+
+struct Token {
+  Tok type = Tok::End;
+  NumberKind kind = NumberKind::Floating;
+  UnaryFn fn = nullptr;  // one-argument functions
+  double value = 0.0;
+};
+
+struct Keyword {
+  const char* name;
+  Tok type;
+  UnaryFn fn = nullptr;
+};
+
+constexpr Keyword kKeywords[] = {
+    {"ACOS", Tok::Function, fn_acos},
+    {"ARCCOS", Tok::Function, fn_acos},
+    {"ASIN", Tok::Function, fn_asin},
+    {"ARCSIN", Tok::Function, fn_asin},
+    {"ATAN", Tok::Function, fn_atan},
+    {"ARCTAN", Tok::Function, fn_atan},
+    {"COS", Tok::Function, fn_cos},
+    {"SIN", Tok::Function, fn_sin},
+    {"TAN", Tok::Function, fn_tan},
+    {"COSH", Tok::Function, fn_cosh},
+    {"SINH", Tok::Function, fn_sinh},
+    {"TANH", Tok::Function, fn_tanh},
+    {"EXP", Tok::Function, fn_exp},
+    {"LN", Tok::Function, fn_ln},
+    {"LOG", Tok::Function, fn_log},
+    {"SQR", Tok::Function, fn_sqr},
+    {"SQRT", Tok::Function, fn_sqrt},
+    {"ABS", Tok::Function, fn_abs},
+    {"CEIL", Tok::Function, fn_ceil},
+    {"FLOOR", Tok::Function, fn_floor},
+    {"POW", Tok::Pow},
+    {"MIN", Tok::Min},
+    {"MAX", Tok::Max},
+    {"RND", Tok::Random},
+    {"E", Tok::ConstE},
+    {"PI", Tok::ConstPi},
+    {"TRUE", Tok::True},
+    {"FALSE", Tok::False},
+    {"BIT", Tok::Bit},
+    {"BOOL", Tok::Bool},
+    {"XOR", Tok::BitXor},
+    {"PHY", Tok::Reserved},
+    {"HEX", Tok::Reserved},
+    {"T", Tok::Reserved},
+    {"TIME", Tok::Reserved},
+};
+
+// Characters that are tokens by themselves; any other is Tok::Other. "<", ">", "!", "|"
+// and "&" may be the first half of a two-character operator.
+struct CharToken {
+  char c;
+  Tok type;
+};
+constexpr CharToken kCharTokens[] = {
+    {'<', Tok::Less},   {'>', Tok::Greater}, {'!', Tok::Not},   {'|', Tok::BitOr},
+    {'&', Tok::BitAnd}, {'%', Tok::Percent}, {'*', Tok::Star},  {'+', Tok::Plus},
+    {'-', Tok::Minus},  {'/', Tok::Slash},   {'^', Tok::Caret}, {'~', Tok::Tilde},
+    {'(', Tok::LParen}, {')', Tok::RParen},  {',', Tok::Comma}, {'?', Tok::Question},
+    {':', Tok::Colon},
+};
+struct PairToken {
+  char first, second;
+  Tok type;
+};
+constexpr PairToken kPairTokens[] = {
+    {'<', '<', Tok::ShiftLeft}, {'<', '=', Tok::LessEq}, {'>', '>', Tok::ShiftRight},
+    {'>', '=', Tok::GreaterEq}, {'=', '=', Tok::Equal},  {'!', '=', Tok::NotEqual},
+    {'|', '|', Tok::OrOr},      {'&', '&', Tok::AndAnd},
+};
+
+// Kinds of parse stack entries. Value is a finished operand; the others are pending
+// constructs waiting for their right part.
+// clang-format off
+enum class Mark : uint8_t { Value, Open, Call, Query, Colon, Prefix, Binary, Compare, Not, And, Or };
+// clang-format on
+
+struct Entry {
+  Mark mark = Mark::Value;
+  Tok op = Tok::End;     // operator of Prefix/Binary/Compare; function token of Call
+  UnaryFn fn = nullptr;  // Call of a one-argument function
+  bool cond = false;     // Value: a condition rather than an arithmetic expression
+  uint8_t weight = 1;    // grammar symbols this entry stands for
+  uint32_t args = 0;     // Call: arguments completed before the current one
+  double a = 0.0;        // Value; condition of Query/Colon; first argument of Call
+  double b = 0.0;        // Colon: the value of the then-branch
+};
+
+// Process-wide evaluator state; callers make one call at a time.
+struct FormulaState {
+  const char* text = nullptr;  // the text being evaluated and its length up to the zero byte
+  size_t length = 0;
+  size_t pos = 0;  // read position of the lexer
+  double x = 0.0;
+  double result = 0.0;
+  double run_min = 0.0;  // running pair shared by every MIN and MAX of an evaluation
+  double run_max = 0.0;
+  uint32_t random_seed = 1;
+  const char* message = nullptr;  // why the last evaluation ended with status 7, or null
+  std::vector<Entry> stack;
+};
+
+FormulaState& formula_state() {
+  static FormulaState state;
+  return state;
+}
+
+bool is_space(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+bool is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
+bool is_letter(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+bool is_name_start(char c) {
+  return is_letter(c) || c == '_' || c == '@';
+}
+bool is_name_char(char c, bool quoted) {
+  return is_name_start(c) || is_digit(c) || (quoted && (c == '.' || c == '[' || c == ']'));
+}
+int hex_value(char c) {
+  if (is_digit(c)) return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+bool ends_input(char c) {
+  return static_cast<unsigned char>(c) == 0xFF;
+}
+
+// True when the out-of-range decimal literal [first, last) is too large rather than too
+// small: the decimal exponent of its first significant digit is not negative.
+bool literal_overflows(const char* first, const char* last) {
+  const char* p = first;
+  long long int_digits = 0;
+  long long lead_zeros = 0;
+  bool significant = false;
+  for (; p < last && is_digit(*p); ++p) {
+    if (*p != '0') significant = true;
+    if (significant) ++int_digits;
+  }
+  if (p < last && *p == '.') {
+    for (++p; p < last && is_digit(*p); ++p) {
+      if (*p != '0') significant = true;
+      if (!significant) ++lead_zeros;
+    }
+  }
+  long long exponent = 0;
+  if (p < last && (*p == 'E' || *p == 'e')) {
+    ++p;
+    bool negative = p < last && *p == '-';
+    if (p < last && (*p == '-' || *p == '+')) ++p;
+    for (; p < last && is_digit(*p); ++p) {
+      if (exponent < 1000000000LL) exponent = exponent * 10 + (*p - '0');
+    }
+    if (negative) exponent = -exponent;
+  }
+  long long magnitude = int_digits > 0 ? int_digits - 1 : -(lead_zeros + 1);
+  return magnitude + exponent >= 0;
+}
+
+// Reads the decimal literal at the start of [first, last): the longest prefix of digits,
+// point, digits and exponent. *used is 0 when there is none. Magnitudes beyond the double
+// range become infinity or zero.
+double read_decimal(const char* first, const char* last, size_t* used) {
+  double value = 0.0;
+  std::from_chars_result r = std::from_chars(first, last, value, std::chars_format::general);
+  if (r.ec == std::errc::invalid_argument) {
+    *used = 0;
+    return 0.0;
+  }
+  *used = static_cast<size_t>(r.ptr - first);
+  if (r.ec == std::errc::result_out_of_range) {
+    value = literal_overflows(first, r.ptr) ? HUGE_VAL : 0.0;
+  }
+  return value;
+}
+
+// Integer operators work on signed 32-bit integers: the operand is truncated toward zero
+// and reduced modulo 2^32, so 0xFFFFFFFF acts as -1. NaN and infinities give 0.
+int32_t to_int32(double v) {
+  if (!std::isfinite(v)) return 0;
+  double m = std::fmod(std::trunc(v), kTwo32);
+  if (m < 0.0) m += kTwo32;
+  return static_cast<int32_t>(static_cast<uint32_t>(m));
+}
+
+double next_random(FormulaState& st) {
+  st.random_seed = st.random_seed * 214013u + 2531011u;
+  return static_cast<double>((st.random_seed >> 16) & 0x7FFFu) / 32767.0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Lexer
+
+class Lexer {
+ public:
+  explicit Lexer(FormulaState& st) : st_(st) {}
+
+  Token next() {
+    size_t& p = st_.pos;
+    for (;;) {
+      while (p < st_.length && is_space(st_.text[p])) ++p;
+      // An escaped line break ("\n" or "\r" written as two characters) is skipped.
+      if (at(p) == '\\' &&
+          (at(p + 1) == 'N' || at(p + 1) == 'R' || at(p + 1) == 'n' || at(p + 1) == 'r')) {
+        p += 2;
+        continue;
+      }
+      break;
+    }
+    Token t;
+    if (p >= st_.length || ends_input(st_.text[p])) return t;
+    char c = st_.text[p];
+    if (c == '\'' && is_name_start(at(p + 1))) return name(true);
+    if (is_name_start(c)) return name(false);
+    if (c == '0' && (at(p + 1) == 'X' || at(p + 1) == 'x') && hex_value(at(p + 2)) >= 0) {
+      p += 2;
+      uint32_t u = 0;  // wraps, which keeps the value modulo 2^32
+      for (int d = hex_value(at(p)); d >= 0; d = hex_value(at(++p))) {
+        u = u * 16u + static_cast<uint32_t>(d);
+      }
+      t.type = Tok::Number;
+      t.kind = NumberKind::Int32;
+      t.value = static_cast<double>(u);
+      return t;
+    }
+    if (is_digit(c) || (c == '.' && is_digit(at(p + 1)))) {
+      size_t used = 0;
+      double v = read_decimal(st_.text + p, st_.text + st_.length, &used);
+      p += used;
+      t.type = Tok::Number;
+      bool integral = v == std::floor(v);
+      if (integral && v < 32767.0) {
+        t.kind = NumberKind::Int16;
+        t.value = std::fmod(v, 65536.0);
+      } else if (integral && v < 2147483647.0) {
+        t.kind = NumberKind::Int32;
+        t.value = std::fmod(v, kTwo32);
+      } else {
+        t.kind = NumberKind::Floating;
+        t.value = v;
+      }
+      return t;
+    }
+    for (const PairToken& pt : kPairTokens) {
+      if (pt.first == c && pt.second == at(p + 1)) {
+        p += 2;
+        t.type = pt.type;
+        return t;
+      }
+    }
+    ++p;
+    t.type = Tok::Other;
+    for (const CharToken& ct : kCharTokens) {
+      if (ct.c == c) t.type = ct.type;
+    }
+    return t;
+  }
+
+ private:
+  char at(size_t i) const { return i < st_.length ? st_.text[i] : '\0'; }
+
+  // A name: keyword, the variable (any other name beginning with X) or an unknown symbol.
+  // A quoted name may also contain ".", "[" and "]" and is never a keyword.
+  Token name(bool quoted) {
+    size_t& p = st_.pos;
+    if (quoted) ++p;
+    char kept[kNameKeep];
+    size_t len = 0;
+    for (; p < st_.length && is_name_char(st_.text[p], quoted); ++p) {
+      if (len < kNameKeep) kept[len++] = st_.text[p];
+    }
+    if (quoted && at(p) == '\'') ++p;
+    Token t;
+    if (!quoted) {
+      for (const Keyword& k : kKeywords) {
+        if (std::strlen(k.name) == len && std::memcmp(k.name, kept, len) == 0) {
+          t.type = k.type;
+          t.fn = k.fn;
+          return t;
+        }
+      }
+    }
+    t.type = (kept[0] == 'X' || kept[0] == 'x') ? Tok::Variable : Tok::Unknown;
+    return t;
+  }
+
+  FormulaState& st_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Parser and evaluator
+
+int binary_level(Tok t) {
+  switch (t) {
+    case Tok::BitOr:
+    case Tok::BitAnd:
+    case Tok::BitXor:
+      return 2;
+    case Tok::ShiftLeft:
+    case Tok::ShiftRight:
+      return 4;
+    case Tok::Plus:
+    case Tok::Minus:
+      return 5;
+    case Tok::Star:
+    case Tok::Slash:
+    case Tok::Percent:
+      return 6;
+    case Tok::Caret:
+      return 7;
+    default:
+      return 0;
+  }
+}
+
+bool is_comparison(Tok t) {
+  return t == Tok::Less || t == Tok::LessEq || t == Tok::Greater || t == Tok::GreaterEq ||
+         t == Tok::Equal || t == Tok::NotEqual;
+}
+
+// Binding strength of a pending construct; 0 for those only a closing token ends. The
+// arithmetic levels sit above the conditional, which sits above the condition operators.
+// Prefix "~" (8) binds looser than "<<" (9) and tighter than "|" (7); prefix "-" and "+"
+// (13) bind tighter than "^" (12).
+int rank(const Entry& e) {
+  switch (e.mark) {
+    case Mark::Or:
+      return 1;
+    case Mark::And:
+      return 2;
+    case Mark::Not:
+      return 3;
+    case Mark::Compare:
+      return 4;
+    case Mark::Colon:
+      return 5;
+    case Mark::Binary:
+      return 5 + binary_level(e.op);
+    case Mark::Prefix:
+      return e.op == Tok::Tilde ? 8 : 13;
+    default:
+      return 0;
+  }
+}
+
+// Pending constructs with at least this rank are reduced before `t` is taken. Equal ranks
+// reduce, which makes every binary level left-associative.
+int reduce_threshold(Tok t) {
+  if (int level = binary_level(t)) return 5 + level;
+  if (is_comparison(t)) return 4;
+  if (t == Tok::AndAnd) return 2;
+  return 1;
+}
+
+int16_t apply_binary(Tok op, double l, double r, double* out) {
+  switch (op) {
+    case Tok::Plus:
+      *out = l + r;
+      break;
+    case Tok::Minus:
+      *out = l - r;
+      break;
+    case Tok::Star:
+      *out = l * r;
+      break;
+    case Tok::Slash:
+      if (r == 0.0) return kMathFault;
+      *out = l / r;
+      break;
+    case Tok::Percent:
+      *out = std::fmod(l, r);
+      break;
+    case Tok::Caret:
+      *out = std::pow(l, r);
+      break;
+    case Tok::ShiftLeft:
+    case Tok::ShiftRight: {
+      int32_t n = to_int32(r);
+      if (n <= 0 || n >= 32) {
+        *out = l;
+      } else {
+        double factor = std::ldexp(1.0, n);
+        *out = op == Tok::ShiftLeft ? l * factor : l / factor;
+      }
+      break;
+    }
+    case Tok::BitOr:
+      *out = to_int32(l) | to_int32(r);
+      break;
+    case Tok::BitAnd:
+      *out = to_int32(l) & to_int32(r);
+      break;
+    case Tok::BitXor:
+      *out = to_int32(l) ^ to_int32(r);
+      break;
+    case Tok::Less:
+      *out = l < r ? 1.0 : 0.0;
+      break;
+    case Tok::LessEq:
+      *out = l <= r ? 1.0 : 0.0;
+      break;
+    case Tok::Greater:
+      *out = l > r ? 1.0 : 0.0;
+      break;
+    case Tok::GreaterEq:
+      *out = l >= r ? 1.0 : 0.0;
+      break;
+    case Tok::Equal:
+      *out = l == r ? 1.0 : 0.0;
+      break;
+    case Tok::NotEqual:
+      *out = l != r ? 1.0 : 0.0;
+      break;
+    default:
+      return kSyntax;
+  }
+  return kOk;
+}
+
+bool truth(double v) {
+  return v != 0.0;
+}  // NaN counts as true
+
+Entry value_entry(double v, bool cond) {
+  Entry e;
+  e.a = v;
+  e.cond = cond;
+  return e;
+}
+
+Entry mark_entry(Mark mark, Tok op, uint8_t weight) {
+  Entry e;
+  e.mark = mark;
+  e.op = op;
+  e.weight = weight;
+  return e;
+}
+
+class Parser {
+ public:
+  explicit Parser(FormulaState& st) : st_(st), lexer_(st), stack_(st.stack) {
+    stack_.clear();
+    if (stack_.capacity() < kStackInitial) stack_.reserve(kStackInitial);
+  }
+
+  int16_t run(double* value) {
+    bool want_operand = true;
+    bool paren_cond = false;  // the top operand is a "( condition )" just closed
+    for (;;) {
+      Token t = lexer_.next();
+      if (want_operand) {
+        int16_t s = operand(t, value, &want_operand);
+        if (s != kOk || t.type == Tok::End) return s;
+        continue;
+      }
+      if (paren_cond) {
+        paren_cond = false;
+        if (t.type == Tok::Question) {
+          Entry query = mark_entry(Mark::Query, Tok::Question, 4);
+          query.a = stack_.back().a;
+          pop();
+          if (!push(query)) return overflow();
+          want_operand = true;
+          continue;
+        }
+      }
+      if (int16_t s = reduce(reduce_threshold(t.type)); s != kOk) return s;
+      Entry& top = stack_.back();
+      Entry* below = stack_.size() >= 2 ? &stack_[stack_.size() - 2] : nullptr;
+      // A comparison, "&&" and "||" make a condition, which only some places take; the
+      // text is refused at the operator itself, before anything after it is evaluated.
+      if (binary_level(t.type) != 0 || is_comparison(t.type)) {
+        if (top.cond) return syntax();
+        if (is_comparison(t.type) && !takes_condition(stack_.size() - 1)) return syntax();
+        Mark m = binary_level(t.type) != 0 ? Mark::Binary : Mark::Compare;
+        if (!push(mark_entry(m, t.type, 1))) return overflow();
+        want_operand = true;
+      } else if (t.type == Tok::AndAnd || t.type == Tok::OrOr) {
+        if (!top.cond || !takes_condition(stack_.size() - 1)) return syntax();
+        if (!push(mark_entry(t.type == Tok::AndAnd ? Mark::And : Mark::Or, t.type, 1))) {
+          return overflow();
+        }
+        want_operand = true;
+      } else if (t.type == Tok::RParen && below != nullptr && below->mark == Mark::Open) {
+        Entry inner = value_entry(top.a, top.cond);
+        pop();
+        pop();
+        if (!push(inner)) return overflow();
+        paren_cond = inner.cond;
+      } else if (t.type == Tok::RParen && below != nullptr && below->mark == Mark::Call) {
+        if (int16_t s = finish_call(); s != kOk) return s;
+      } else if (t.type == Tok::Comma && below != nullptr && below->mark == Mark::Call) {
+        if (int16_t s = next_argument(); s != kOk) return s;
+        want_operand = true;
+      } else if (t.type == Tok::Colon && below != nullptr && below->mark == Mark::Query &&
+                 !top.cond) {
+        Entry colon = mark_entry(Mark::Colon, Tok::Colon, 6);
+        colon.a = below->a;
+        colon.b = top.a;
+        pop();
+        pop();
+        if (!push(colon)) return overflow();
+        want_operand = true;
+      } else if (t.type == Tok::End && stack_.size() == 1) {
+        *value = top.a;
+        return kOk;
+      } else {
+        return syntax();
+      }
+    }
+  }
+
+ private:
+  int16_t syntax() {
+    st_.message = kMsgSyntax;
+    return kSyntax;
+  }
+  int16_t overflow() {
+    st_.message = kMsgOverflow;
+    return kSyntax;
+  }
+
+  bool push(const Entry& e) {
+    if (depth_ + e.weight > kStackLimit) return false;
+    stack_.push_back(e);
+    depth_ += e.weight;
+    return true;
+  }
+  void pop() {
+    depth_ -= stack_.back().weight;
+    stack_.pop_back();
+  }
+  // Replaces the top `count` entries by one finished operand.
+  void replace(size_t count, double v, bool cond) {
+    for (size_t i = 0; i < count; ++i) pop();
+    push(value_entry(v, cond));  // cannot overflow: at least as much was just removed
+  }
+
+  // True when an operand that ends up a condition may stand at stack index `at`, that is
+  // after the entries below it: at the start, in parentheses, after "!", "&&", "||" and
+  // as the argument of BOOL. Everywhere else only an arithmetic expression may stand.
+  bool takes_condition(size_t at) const {
+    if (at == 0) return true;
+    const Entry& m = stack_[at - 1];
+    return m.mark == Mark::Open || m.mark == Mark::Not || m.mark == Mark::And ||
+           m.mark == Mark::Or || (m.mark == Mark::Call && m.op == Tok::Bool);
+  }
+
+  // Takes a token where an operand must begin.
+  int16_t operand(const Token& t, double* value, bool* want_operand) {
+    double v = 0.0;
+    bool cond = false;
+    switch (t.type) {
+      case Tok::Number:
+        v = t.value;
+        break;
+      case Tok::Variable:
+        v = st_.x;
+        break;
+      case Tok::ConstE:
+        v = kE;
+        break;
+      case Tok::ConstPi:
+        v = kPi;
+        break;
+      case Tok::Random:
+        v = next_random(st_);
+        break;
+      case Tok::True:
+      case Tok::False:
+        if (!takes_condition(stack_.size())) return syntax();
+        v = t.type == Tok::True ? 1.0 : 0.0;
+        cond = true;
+        break;
+      case Tok::Bit: {
+        if (!takes_condition(stack_.size())) return syntax();
+        if (int16_t s = bit_test(&v); s != kOk) return s;
+        cond = true;
+        break;
+      }
+      case Tok::Plus:
+      case Tok::Minus:
+      case Tok::Tilde:
+        return push(mark_entry(Mark::Prefix, t.type, 1)) ? kOk : overflow();
+      case Tok::Not:
+        if (!takes_condition(stack_.size())) return syntax();
+        return push(mark_entry(Mark::Not, t.type, 1)) ? kOk : overflow();
+      case Tok::LParen:
+        return push(mark_entry(Mark::Open, t.type, 1)) ? kOk : overflow();
+      case Tok::Function:
+      case Tok::Pow:
+      case Tok::Min:
+      case Tok::Max:
+      case Tok::Bool: {
+        if (lexer_.next().type != Tok::LParen) return syntax();
+        Entry call = mark_entry(Mark::Call, t.type, 2);
+        call.fn = t.fn;
+        return push(call) ? kOk : overflow();
+      }
+      case Tok::End:
+        if (!stack_.empty()) return syntax();
+        *value = 0.0;  // the empty formula
+        return kOk;
+      default:
+        return syntax();
+    }
+    if (!push(value_entry(v, cond))) return overflow();
+    *want_operand = false;
+    return kOk;
+  }
+
+  // BIT ( X , n ): the first argument must be the variable itself and n a 16-bit decimal
+  // integer token; the result is bit n mod 32 of X as a 32-bit integer.
+  int16_t bit_test(double* v) {
+    if (depth_ + 6 > kStackLimit) return overflow();
+    if (lexer_.next().type != Tok::LParen) return syntax();
+    if (lexer_.next().type != Tok::Variable) return syntax();
+    if (lexer_.next().type != Tok::Comma) return syntax();
+    Token n = lexer_.next();
+    if (n.type != Tok::Number || n.kind != NumberKind::Int16) return syntax();
+    if (lexer_.next().type != Tok::RParen) return syntax();
+    uint32_t bit = static_cast<uint32_t>(n.value) % 32u;
+    *v = static_cast<double>((static_cast<uint32_t>(to_int32(st_.x)) >> bit) & 1u);
+    return kOk;
+  }
+
+  // Reduces pending constructs of at least rank `threshold` that stand below the top
+  // operand, checking that each gets operands of the kind it takes.
+  int16_t reduce(int threshold) {
+    while (stack_.size() >= 2) {
+      Entry& top = stack_.back();
+      Entry& m = stack_[stack_.size() - 2];
+      int r = rank(m);
+      if (r == 0 || r < threshold) break;
+      double v = 0.0;
+      switch (m.mark) {
+        case Mark::Binary:
+        case Mark::Compare: {
+          if (top.cond) return syntax();
+          double left = stack_[stack_.size() - 3].a;
+          if (int16_t s = apply_binary(m.op, left, top.a, &v); s != kOk) return s;
+          replace(3, v, m.mark == Mark::Compare);
+          break;
+        }
+        case Mark::Prefix:
+          if (top.cond) return syntax();
+          v = m.op == Tok::Minus ? -top.a : m.op == Tok::Tilde ? ~to_int32(top.a) : top.a;
+          replace(2, v, false);
+          break;
+        case Mark::Not:
+          if (!top.cond) return syntax();
+          replace(2, truth(top.a) ? 0.0 : 1.0, true);
+          break;
+        case Mark::And:
+        case Mark::Or: {
+          if (!top.cond) return syntax();
+          bool l = truth(stack_[stack_.size() - 3].a);
+          bool rv = truth(top.a);
+          replace(3, (m.mark == Mark::And ? (l && rv) : (l || rv)) ? 1.0 : 0.0, true);
+          break;
+        }
+        case Mark::Colon:
+          if (top.cond) return syntax();
+          replace(2, truth(m.a) ? m.b : top.a, false);
+          break;
+        default:
+          return syntax();
+      }
+    }
+    return kOk;
+  }
+
+  void set_pair(double a, double b) {
+    st_.run_min = b < a ? b : a;
+    st_.run_max = b < a ? a : b;
+  }
+  void widen_pair(double v) {
+    if (v < st_.run_min) st_.run_min = v;
+    if (v > st_.run_max) st_.run_max = v;
+  }
+
+  // "," after an argument of POW, MIN or MAX.
+  int16_t next_argument() {
+    Entry& top = stack_.back();
+    Entry& call = stack_[stack_.size() - 2];
+    if (top.cond) return syntax();
+    double v = top.a;
+    bool first = call.args == 0;
+    if (call.op == Tok::Pow) {
+      if (!first) return syntax();
+    } else if (call.op == Tok::Min || call.op == Tok::Max) {
+      if (call.args == 1) set_pair(call.a, v);
+      if (call.args >= 2) widen_pair(v);
+    } else {
+      return syntax();
+    }
+    if (first) call.a = v;
+    ++call.args;
+    pop();
+    if (first) {
+      // "NAME ( e ," now stands for four symbols instead of two.
+      if (depth_ + 2 > kStackLimit) return overflow();
+      stack_.back().weight = 4;
+      depth_ += 2;
+    }
+    return kOk;
+  }
+
+  // ")" closing a function call.
+  int16_t finish_call() {
+    const Entry& top = stack_.back();
+    const Entry& call = stack_[stack_.size() - 2];
+    double v = 0.0;
+    switch (call.op) {
+      case Tok::Function:
+        if (top.cond || call.args != 0 || call.fn == nullptr) return syntax();
+        // The logarithms of exactly 0 fail; other domain errors give NaN or infinity.
+        if ((call.fn == fn_ln || call.fn == fn_log) && top.a == 0.0) return kMathFault;
+        v = call.fn(top.a);
+        break;
+      case Tok::Bool:
+        if (!top.cond || call.args != 0) return syntax();
+        v = truth(top.a) ? 1.0 : 0.0;
+        break;
+      case Tok::Pow:
+        if (top.cond || call.args != 1) return syntax();
+        v = std::pow(call.a, top.a);
+        break;
+      case Tok::Min:
+      case Tok::Max:
+        if (top.cond || call.args == 0) return syntax();
+        if (call.args == 1) {
+          set_pair(call.a, top.a);
+        } else {
+          widen_pair(top.a);
+        }
+        v = call.op == Tok::Min ? st_.run_min : st_.run_max;
+        break;
+      default:
+        return syntax();
+    }
+    replace(2, v, false);
+    return kOk;
+  }
+
+  FormulaState& st_;
+  Lexer lexer_;
+  std::vector<Entry>& stack_;
+  size_t depth_ = 1;  // the start state
+};
+
+char to_upper(char c) {
+  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+}  // namespace
+
+void reset_formula_state() {
+  FormulaState& st = formula_state();
+  st.text = nullptr;
+  st.length = 0;
+  st.pos = 0;
+  st.x = 0.0;
+  st.result = 0.0;
+  st.run_min = 0.0;
+  st.run_max = 0.0;
+  st.random_seed = 1;
+  st.message = nullptr;
+  std::vector<Entry>().swap(st.stack);
+}
+
+const char* formula_failure_text() {
+  return formula_state().message;
+}
+
+int16_t evaluate_formula(std::span<char> text, double x, double* result) {
+  FormulaState& st = formula_state();
+  size_t n = 0;
+  for (; n < text.size() && text[n] != '\0'; ++n) text[n] = to_upper(text[n]);
+  size_t start = 0;
+  while (start < n && is_space(text[start])) ++start;
+
+  // A text made only of digits, points, commas and a leading minus sign is a plain number
+  // with commas as decimal points. The commas of such a prefix become points even when
+  // more follows, so "1,5+X" reads as 1.5 + X.
+  size_t end = start;
+  if (end < n && text[end] == '-') ++end;
+  for (; end < n && (is_digit(text[end]) || text[end] == '.' || text[end] == ','); ++end) {
+    if (text[end] == ',') text[end] = '.';
+  }
+
+  st.text = text.data();
+  st.length = n;
+  st.pos = start;
+  st.x = x;
+  st.message = nullptr;
+  double value = 0.0;
+  int16_t status = kOk;
+  if (end == n) {
+    const char* p = text.data() + start;
+    const char* last = text.data() + n;
+    bool negative = p < last && *p == '-';
+    if (negative) ++p;
+    size_t used = 0;
+    value = read_decimal(p, last, &used);
+    if (used == 0) {
+      value = 0.0;
+    } else if (negative) {
+      value = -value;
+    }
+  } else {
+    try {
+      Parser parser(st);
+      status = parser.run(&value);
+    } catch (const std::bad_alloc&) {
+      st.message = kMsgOverflow;
+      status = kSyntax;
+    }
+  }
+  if (status != kOk) value = 0.0;
+  st.result = value;
+  if (result != nullptr) *result = value;
+  return status;
+}
+
+}  // namespace korvel

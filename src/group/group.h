@@ -1,0 +1,67 @@
+// Group handles: one channel group of an open file with the record buffer and its cursor.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "korvel.h"
+#include "storage/node.h"
+
+struct mdf_group {
+  uint32_t tag = korvel::kGroupTag;
+  mdf_file* file = nullptr;
+  uint16_t mode = 0;
+  uint16_t number = 0;         // the number the group was opened by
+  uint16_t channel_count = 0;  // CN blocks counted at open (0 for a created group)
+  korvel::Node* dg = nullptr;
+  korvel::Node* cg = nullptr;
+  korvel::Node* time_channel = nullptr;     // the last channel of type 1, or null
+  korvel::Node* time_conversion = nullptr;  // its CC block, or null
+  // The record buffer: a leading identifier slot, the record data and a trailing byte. Its
+  // nominal size is record size + 24; the memory behind it is larger so that a caller who
+  // takes that size from the data address stays inside.
+  uint8_t* buffer = nullptr;
+  uint32_t buffer_capacity = 0;  // bytes allocated
+  uint64_t record_position = 0;  // file offset of the current record (of its identifier)
+  uint32_t record_index = 0;     // index of the current record within this channel group
+  mdf_group* next = nullptr;     // next open group, in order of opening
+};
+
+namespace korvel {
+
+constexpr uint32_t kRecordDataOffset = 16;  // record data inside the buffer
+constexpr uint32_t kBufferExtra = 24;       // nominal buffer size = record size + 24
+
+inline bool is_group(const mdf_group* g) {
+  return g != nullptr && g->tag == kGroupTag;
+}
+
+inline uint8_t* record_data(mdf_group* g) {
+  return g->buffer + kRecordDataOffset;
+}
+uint16_t record_size(const mdf_group* g);
+uint16_t record_ids(const mdf_group* g);
+uint32_t record_count(const mdf_group* g);
+inline std::span<uint8_t> record_span(mdf_group* g) {
+  return {record_data(g), record_size(g)};
+}
+
+// Makes room for a grown record size, keeping the record's bytes.
+int16_t refresh_record_layout(mdf_group* g);
+
+// The open-by-index cache of the channel API: the group, index and CN block of the last
+// open by index. Closing a group forgets it.
+struct ChannelCache {
+  mdf_group* group = nullptr;
+  uint16_t index = 0;
+  Node* cn = nullptr;
+};
+ChannelCache& channel_cache();
+
+// Record cursor operations behind mdfGrpSeek, mdfGrpWrite and mdfGrpWriteAppend, for the
+// channel functions (no sticky check, no last status).
+int16_t group_seek(mdf_group* g, int32_t position, uint16_t mode);
+int16_t group_write(mdf_group* g);
+int16_t group_append(mdf_group* g);
+
+}  // namespace korvel

@@ -1,0 +1,614 @@
+// The exported group functions: opening channel groups, the record cursor, reading,
+// rewriting and appending records, closing and deleting groups.
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "channel/channel_node.h"
+#include "frame/api.h"
+#include "frame/bytes.h"
+#include "frame/frame.h"
+#include "group/group.h"
+#include "storage/block.h"
+#include "storage/file.h"
+#include "storage/io.h"
+
+namespace korvel {
+
+using namespace layout;
+
+namespace {
+
+ChannelCache g_channel_cache;
+
+int16_t bad_group() {
+  return raise(MDF_ERR_BAD_GROUP, "");
+}
+int16_t bad_file() {
+  return raise(MDF_ERR_BAD_FILE, "");
+}
+
+// Walks the channel groups in numbering order: each DG of the header's list, each CG of
+// that DG. The visitor gets (dg, cg, previous cg in the same dg, previous dg, number).
+template <class Visit>
+void for_each_channel_group(mdf_file* file, Visit&& visit) {
+  uint32_t number = 0;
+  Node* previous_dg = nullptr;
+  bool go_on = true;
+  for_each_data_group(file, [&](Node* dg) {
+    Node* previous_cg = nullptr;
+    for (Node* cg = resolve_link(file->tree, dg, dg::kFirstCg); cg != nullptr && go_on;
+         cg = resolve_link(file->tree, cg, cg::kNext)) {
+      go_on = visit(dg, cg, previous_cg, previous_dg, ++number);
+      previous_cg = cg;
+    }
+    previous_dg = dg;
+    return go_on;
+  });
+}
+
+bool find_channel_group(mdf_file* file, uint32_t n, Node** dg_out, Node** cg_out,
+                        Node** previous_cg = nullptr, Node** previous_dg = nullptr) {
+  bool found = false;
+  for_each_channel_group(file, [&](Node* dg, Node* cg, Node* pcg, Node* pdg, uint32_t number) {
+    if (number != n) return true;
+    *dg_out = dg;
+    *cg_out = cg;
+    if (previous_cg != nullptr) *previous_cg = pcg;
+    if (previous_dg != nullptr) *previous_dg = pdg;
+    found = true;
+    return false;
+  });
+  return found;
+}
+
+int16_t allocate_buffer(mdf_group* g, uint32_t record_bytes) {
+  // Nominal size record + 24 from the data address, plus the room in front of the data.
+  const uint32_t capacity = record_bytes + kBufferExtra + kRecordDataOffset;
+  auto* buffer = static_cast<uint8_t*>(mdfMalloc(capacity));
+  if (buffer == nullptr) return raise(MDF_ERR_NO_MEMORY, "");
+  if (g->buffer != nullptr) {
+    std::memcpy(buffer, g->buffer, std::min(capacity, g->buffer_capacity));
+    mdfFree(g->buffer);
+  }
+  g->buffer = buffer;
+  g->buffer_capacity = capacity;
+  return 0;
+}
+
+int16_t new_group(mdf_group** out) {
+  void* memory = mdfMalloc(sizeof(mdf_group));
+  if (memory == nullptr) return raise(MDF_ERR_NO_MEMORY, "");
+  *out = new (memory) mdf_group();
+  return 0;
+}
+
+void append_group(mdf_group* g) {
+  mdf_group** slot = &state().open_groups;
+  while (*slot != nullptr) slot = &(*slot)->next;
+  *slot = g;
+}
+
+void unlink_group(mdf_group* g) {
+  for (mdf_group** slot = &state().open_groups; *slot != nullptr; slot = &(*slot)->next) {
+    if (*slot == g) {
+      *slot = g->next;
+      return;
+    }
+  }
+}
+
+void free_group(mdf_group* g) {
+  if (g->buffer != nullptr) mdfFree(g->buffer);
+  mdfFree(g);
+}
+
+// Finds the channel group of a record identifier: the own one first, then the data
+// group's list in order.
+Node* group_of_record_id(mdf_group* g, uint8_t id) {
+  if ((load_le16(g->cg->image + cg::kRecordId) & 0xFF) == id) return g->cg;
+  for (Node* cg = resolve_link(g->file->tree, g->dg, dg::kFirstCg); cg != nullptr;
+       cg = resolve_link(g->file->tree, cg, cg::kNext)) {
+    if ((load_le16(cg->image + cg::kRecordId) & 0xFF) == id) return cg;
+  }
+  return nullptr;
+}
+
+// Positions the file at the record position and reads (or, when only scanning, finds) the
+// next record of this channel group, skipping records of other channel groups. Nothing is
+// read beyond the end of the file.
+int16_t read_record(mdf_group* g, bool scan_only) {
+  const uint16_t number = g->file->io_number;
+  const int64_t file_size = io::known_size(number);
+  const uint16_t ids = record_ids(g);
+  auto fits = [&](uint64_t from, uint64_t count) {
+    return static_cast<int64_t>(from + count) <= file_size;
+  };
+  for (;;) {
+    uint64_t at = g->record_position;
+    uint32_t length = record_size(g);
+    Node* owner = g->cg;
+    if (ids != 0) {
+      uint8_t id = 0;
+      if (!fits(at, 1) || io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
+          io::read(&id, 1, number) != 0) {
+        return raise(MDF_ERR_FORMAT, "");
+      }
+      owner = group_of_record_id(g, id);
+      if (owner == nullptr) return raise(MDF_ERR_FORMAT, "");
+      length = load_le16(owner->image + cg::kRecordSize) + (ids == 2 ? 1u : 0u);
+      at += 1;
+    }
+    if (owner == g->cg) {
+      if (scan_only) return 0;
+      if (!fits(at, length) || io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
+          (length != 0 && io::read_bulk(record_data(g), length, number) != 0)) {
+        return raise(MDF_ERR_FORMAT, "");
+      }
+      return 0;
+    }
+    if (!fits(at, length)) return raise(MDF_ERR_FORMAT, "");
+    g->record_position = at + length;
+  }
+}
+
+int16_t seek_record(mdf_group* g, int32_t position, uint16_t mode) {
+  uint32_t target;
+  if (mode == MDF_SEEK_REL) {
+    if (position < 0 && static_cast<uint32_t>(-static_cast<int64_t>(position)) > g->record_index) {
+      return MDF_END_OF_GROUP;
+    }
+    target = static_cast<uint32_t>(static_cast<int64_t>(g->record_index) + position);
+  } else if (mode == MDF_SEEK_ABS) {
+    target = static_cast<uint32_t>(position);
+  } else {
+    return raise(MDF_ERR_SEEK_MODE, "");
+  }
+  if (target >= record_count(g)) return MDF_END_OF_GROUP;
+  const uint64_t data = load_le32(g->dg->image + dg::kData);
+  const uint32_t stride = record_size(g) + record_ids(g);
+  if (target == 0) {
+    g->record_index = 0;
+    g->record_position = data;
+    return read_record(g, false);
+  }
+  if (load_le16(g->dg->image + dg::kCgCount) == 1) {
+    if (target == g->record_index) return 0;
+    g->record_index = target;
+    g->record_position = data + static_cast<uint64_t>(stride) * target;
+    return read_record(g, false);
+  }
+  if (target < g->record_index) {
+    g->record_index = 0;
+    g->record_position = data;
+    if (int16_t st = read_record(g, false); st != 0) return st;
+  }
+  if (target == g->record_index) return read_record(g, false);
+  while (g->record_index != target) {
+    ++g->record_index;
+    g->record_position += stride;
+    if (int16_t st = read_record(g, true); st != 0) return st;
+  }
+  return read_record(g, false);
+}
+
+int16_t write_record(mdf_group* g) {
+  if (g->mode == 0) return raise(MDF_ERR_OPEN_MODE, "");
+  const uint16_t number = g->file->io_number;
+  const uint16_t ids = record_ids(g);
+  const uint32_t size = record_size(g);
+  uint8_t* from = record_data(g);
+  if (ids != 0) {
+    const auto id = static_cast<uint8_t>(load_le16(g->cg->image + cg::kRecordId));
+    from[-1] = id;
+    // With two identifiers the byte that reaches the file behind the data is the one held
+    // after the data; the identifier is put one byte further.
+    if (ids == 2) from[size + 1] = id;
+    from -= 1;
+  }
+  if (io::seek(number, static_cast<int64_t>(g->record_position), 0) != 0 ||
+      io::write(from, size + ids, number) != 0) {
+    return raise(MDF_ERR_WRITE, "");
+  }
+  return 0;
+}
+
+int16_t append_record(mdf_group* g) {
+  if (g->mode != 2) return raise(MDF_ERR_OPEN_MODE, "");
+  const uint16_t number = g->file->io_number;
+  if (io::seek(number, 0, io::kToEnd) != 0) return internal_error("MDFGRP1", 402);
+  const int64_t end = io::tell(number);
+  if (end > 0xFFFFFFFFLL) return raise(MDF_ERR_FILE_TOO_LARGE, "");
+  g->record_position = static_cast<uint64_t>(end);
+  g->record_index = record_count(g);
+  store_le32(g->cg->image + cg::kRecordCount, g->record_index + 1);
+  return write_record(g);
+}
+
+// Counts the channels of a channel group and finds its time channel (the last of type 1).
+void scan_channels(mdf_group* g) {
+  for (Node* cn = resolve_link(g->file->tree, g->cg, cg::kFirstCn); cn != nullptr;
+       cn = resolve_link(g->file->tree, cn, cn::kNext)) {
+    ++g->channel_count;
+    if (load_le16(cn->image + cn::kType) == 1) g->time_channel = cn;
+  }
+  if (g->time_channel != nullptr) {
+    g->time_conversion = resolve_link(g->file->tree, g->time_channel, cn::kConversion);
+  }
+}
+
+int16_t open_existing(mdf_group** out, mdf_file* file, uint16_t n, uint16_t mode) {
+  if (n > file->group_count) return raise(MDF_GROUP_NOT_FOUND, "");
+  Node* dg = nullptr;
+  Node* cg = nullptr;
+  if (!find_channel_group(file, n, &dg, &cg)) return raise_fmt(MDF_GROUP_NOT_FOUND, "(n=%d)", n);
+  mdf_group* g = nullptr;
+  if (int16_t st = new_group(&g); st != 0) return st;
+  g->file = file;
+  g->mode = mode;
+  g->number = n;
+  g->dg = dg;
+  g->cg = cg;
+  scan_channels(g);
+  if (int16_t st = allocate_buffer(g, load_le16(cg->image + cg::kRecordSize) + 1u); st != 0) {
+    free_group(g);
+    return st;
+  }
+  append_group(g);
+  g->record_index = 0;
+  g->record_position = load_le32(dg->image + dg::kData);
+  const int16_t st = seek_record(g, 0, MDF_SEEK_ABS);
+  if (st != 0 && st != MDF_END_OF_GROUP) {
+    unlink_group(g);
+    free_group(g);
+    return st;
+  }
+  *out = g;
+  return 0;
+}
+
+int16_t open_created(mdf_group** out, mdf_file* file, uint16_t n) {
+  for (mdf_group* other = state().open_groups; other != nullptr; other = other->next) {
+    if (other->file == file && other->mode == 2) return raise(MDF_ERR_TWO_CREATES, "");
+  }
+  const uint16_t number = file->io_number;
+  if (io::seek(number, 0, io::kToEnd) != 0) return raise(MDF_ERR_SEEK, "");
+  const int64_t end = io::tell(number);
+  if (end > 0xFFFFFFFFLL) return raise(MDF_ERR_FILE_TOO_LARGE, "");
+  Node* cg = nullptr;
+  Node* dg = nullptr;
+  if (int16_t st = new_block(file, kCG, &cg); st != 0) return st;
+  if (int16_t st = new_block(file, kDG, &dg); st != 0) return st;
+  store_le16(cg->image + cg::kRecordId, 1);
+  Node* hd = file->header;
+  set_link(dg, dg::kFirstCg, 0, cg);
+  set_link(dg, dg::kNext, 0, resolve_link(file->tree, hd, hd::kFirstDg));
+  store_le32(dg->image + dg::kData, static_cast<uint32_t>(end));
+  store_le16(dg->image + dg::kCgCount, 1);
+  store_le16(dg->image + dg::kRecordIds, 1);
+  // The new data group goes to the head of the list: it is group 1 while it is open.
+  store_le16(hd->image + hd::kDgCount,
+             static_cast<uint16_t>(load_le16(hd->image + hd::kDgCount) + 1));
+  set_link(hd, hd::kFirstDg, 0, dg);
+  if (file->group_count < 0xFFFF) ++file->group_count;
+  mdf_group* g = nullptr;
+  if (int16_t st = new_group(&g); st != 0) return st;
+  g->file = file;
+  g->mode = 2;
+  g->number = n;
+  g->dg = dg;
+  g->cg = cg;
+  if (int16_t st = allocate_buffer(g, 1); st != 0) {
+    free_group(g);
+    return st;
+  }
+  g->record_position = static_cast<uint64_t>(end);
+  append_group(g);
+  *out = g;
+  return 0;
+}
+
+// Appends a new block, or leaves one that is on disk already where it is.
+int16_t place_block(mdf_file* file, Node* node) {
+  if (node == nullptr || disk_position(node) != 0) return 0;
+  return append_block(file, node);
+}
+
+int16_t write_created_group(mdf_group* g) {
+  mdf_file* file = g->file;
+  auto& tree = file->tree;
+  std::vector<Node*> channels;
+  for (Node* cn = resolve_link(tree, g->cg, cg::kFirstCn); cn != nullptr;
+       cn = resolve_link(tree, cn, cn::kNext)) {
+    channels.push_back(cn);
+  }
+  for (auto it = channels.rbegin(); it != channels.rend(); ++it) {
+    Node* cn = *it;
+    if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kExtension)); st != 0) return st;
+    Node* cc = resolve_link(tree, cn, cn::kConversion);
+    if (cc != nullptr && load_le16(cc->image + cc::kType) == 12) {
+      for (uint16_t i = 0; i < cc->link_count; ++i) {
+        const uint32_t field = cc->links()[i].field;
+        if (int16_t st = place_block(file, resolve_link(tree, cc, field)); st != 0) return st;
+        if (int16_t st = set_link_from_node(file, cc, field); st != 0) return st;
+      }
+    }
+    if (int16_t st = place_block(file, cc); st != 0) return st;
+    if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kComment)); st != 0) return st;
+    if (cn->block_size() >= cn::kSizeLongName) {
+      if (cn->block_size() >= cn::kSize) {
+        if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kDisplayName)); st != 0) {
+          return st;
+        }
+      }
+      if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kLongName)); st != 0) return st;
+    }
+    if (int16_t st = set_links_from_nodes(file, cn); st != 0) return st;
+    if (int16_t st = append_block(file, cn); st != 0) return st;
+  }
+  if (int16_t st = place_block(file, resolve_link(tree, g->cg, cg::kComment)); st != 0) return st;
+  // The count written is the index of the last appended record.
+  store_le32(g->cg->image + cg::kRecordCount, g->record_index);
+  if (int16_t st = set_links_from_nodes(file, g->cg); st != 0) return st;
+  if (int16_t st = append_block(file, g->cg); st != 0) return st;
+  if (Node* tr = resolve_link(tree, g->dg, dg::kTrigger); tr != nullptr) {
+    if (int16_t st = place_block(file, resolve_link(tree, tr, tr::kComment)); st != 0) return st;
+    if (int16_t st = set_links_from_nodes(file, tr); st != 0) return st;
+    if (int16_t st = append_block(file, tr); st != 0) return st;
+  }
+  if (int16_t st = set_links_from_nodes(file, g->dg); st != 0) return st;
+  if (int16_t st = append_block(file, g->dg); st != 0) return st;
+  if (int16_t st = set_link_from_node(file, file->header, hd::kFirstDg); st != 0) return st;
+  return write_block_in_place(file, file->header);
+}
+
+int16_t write_modified_group(mdf_group* g) {
+  mdf_file* file = g->file;
+  Node* comment = resolve_link(file->tree, g->cg, cg::kComment);
+  if (int16_t st = place_block(file, comment); st != 0) return st;
+  if (int16_t st = set_link_from_node(file, g->cg, cg::kComment); st != 0) return st;
+  return write_block_in_place(file, g->cg);
+}
+
+int16_t close_group(mdf_group* g) {
+  g_channel_cache = ChannelCache{};
+  channelnode* ch = state().open_channels;
+  while (ch != nullptr) {
+    channelnode* next = ch->next;
+    if (ch->group == g) {
+      if (int16_t st = mdfChnClose(ch); st != 0 && sticky_error() == 0) return st;
+    }
+    ch = next;
+  }
+  if (sticky_error() == 0 && (g->mode == 1 || g->mode == 2)) {
+    if (io::seek(g->file->io_number, 0, io::kToEnd) != 0) return raise(MDF_ERR_SEEK, "");
+    const int16_t st = g->mode == 2 ? write_created_group(g) : write_modified_group(g);
+    if (st != 0) return st;
+  }
+  unlink_group(g);
+  free_group(g);
+  return 0;
+}
+
+// Closes the open groups of a file that is being closed.
+int16_t close_groups_of_file(mdf_file* file) {
+  mdf_group* g = state().open_groups;
+  while (g != nullptr) {
+    if (g->tag != kGroupTag) return internal_error("MDFFILE1", 131);
+    mdf_group* next = g->next;
+    if (g->file == file) {
+      if (close_group(g) != 0) {
+        // A group that cannot be written is still released with its file.
+        unlink_group(g);
+        free_group(g);
+      }
+    }
+    g = next;
+  }
+  return 0;
+}
+
+[[maybe_unused]] const bool g_hook_set = (set_close_groups_hook(&close_groups_of_file), true);
+
+int16_t delete_group(mdf_file* file, uint16_t n) {
+  if (n > file->group_count) return raise(MDF_GROUP_NOT_FOUND, "");
+  if (file->mode != 1) return raise(MDF_ERR_OPEN_MODE, "");
+  Node *dg = nullptr, *cg = nullptr, *previous_cg = nullptr, *previous_dg = nullptr;
+  if (!find_channel_group(file, n, &dg, &cg, &previous_cg, &previous_dg)) {
+    return raise_fmt(MDF_GROUP_NOT_FOUND, "(n=%d)", n);
+  }
+  for (mdf_group* g = state().open_groups; g != nullptr; g = g->next) {
+    if (g->cg == cg) return raise(MDF_GROUP_IS_OPEN, "");
+  }
+  Node* after_cg = resolve_link(file->tree, cg, cg::kNext);
+  if (previous_cg != nullptr) {
+    set_link(previous_cg, cg::kNext, 0, after_cg);
+    if (int16_t st = set_link_from_node(file, previous_cg, cg::kNext); st != 0) return st;
+    if (int16_t st = write_block_in_place(file, previous_cg); st != 0) return st;
+  } else {
+    set_link(dg, dg::kFirstCg, 0, after_cg);
+  }
+  const uint16_t left = static_cast<uint16_t>(load_le16(dg->image + dg::kCgCount) - 1);
+  store_le16(dg->image + dg::kCgCount, left);
+  if (int16_t st = set_links_from_nodes(file, dg); st != 0) return st;
+  if (int16_t st = write_block_in_place(file, dg); st != 0) return st;
+  if (file->group_count > 0) --file->group_count;
+  if (left != 0 && resolve_link(file->tree, dg, dg::kFirstCg) != nullptr) return 0;
+  // The data group is empty: take it out of the header's list. Its records stay where they
+  // are; nothing is compacted.
+  Node* hd = file->header;
+  Node* after_dg = resolve_link(file->tree, dg, dg::kNext);
+  if (previous_dg != nullptr) {
+    set_link(previous_dg, dg::kNext, 0, after_dg);
+    if (int16_t st = set_links_from_nodes(file, previous_dg); st != 0) return st;
+    if (int16_t st = write_block_in_place(file, previous_dg); st != 0) return st;
+  } else {
+    set_link(hd, hd::kFirstDg, 0, after_dg);
+  }
+  store_le16(hd->image + hd::kDgCount,
+             static_cast<uint16_t>(load_le16(hd->image + hd::kDgCount) - 1));
+  if (int16_t st = set_link_from_node(file, hd, hd::kFirstDg); st != 0) return st;
+  return write_block_in_place(file, hd);
+}
+
+}  // namespace
+
+ChannelCache& channel_cache() {
+  return g_channel_cache;
+}
+
+uint16_t record_size(const mdf_group* g) {
+  return load_le16(g->cg->image + cg::kRecordSize);
+}
+uint16_t record_ids(const mdf_group* g) {
+  return load_le16(g->dg->image + dg::kRecordIds);
+}
+uint32_t record_count(const mdf_group* g) {
+  return load_le32(g->cg->image + cg::kRecordCount);
+}
+
+int16_t refresh_record_layout(mdf_group* g) {
+  const uint32_t needed = record_size(g) + 1u + kBufferExtra + kRecordDataOffset;
+  if (needed <= g->buffer_capacity) return 0;
+  return allocate_buffer(g, record_size(g) + 1u);
+}
+
+int16_t group_seek(mdf_group* g, int32_t position, uint16_t mode) {
+  return seek_record(g, position, mode);
+}
+int16_t group_write(mdf_group* g) {
+  return write_record(g);
+}
+int16_t group_append(mdf_group* g) {
+  return append_record(g);
+}
+
+}  // namespace korvel
+
+using namespace korvel;
+
+extern "C" {
+
+KORVEL_API int16_t mdfGrpOpen(mdf_group** group, mdf_file* file, uint16_t number, uint16_t mode) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (group != nullptr) *group = nullptr;
+    if (!is_file(file)) return bad_file();
+    if (mode > 2 || (mode != 0 && mode != file->mode)) return raise(MDF_ERR_OPEN_MODE, "");
+    if (group == nullptr) return internal_error("MDFGRP1", 120);
+    return mode == 2 ? open_created(group, file, number) : open_existing(group, file, number, mode);
+  });
+}
+
+KORVEL_API int16_t mdfGrpClose(mdf_group* group) {
+  return api_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    return close_group(group);
+  });
+}
+
+KORVEL_API int16_t mdfGrpDelete(mdf_file* file, uint16_t number) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_file(file)) return bad_file();
+    return delete_group(file, number);
+  });
+}
+
+KORVEL_API int16_t mdfGrpGetFirst(mdf_group** group, mdf_file* file) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_file(file)) return bad_file();
+    *group = nullptr;
+    for (mdf_group* g = state().open_groups; g != nullptr; g = g->next) {
+      if (g->file == file) {
+        *group = g;
+        return 0;
+      }
+    }
+    return MDF_GRP_NOT_FOUND;
+  });
+}
+
+KORVEL_API int16_t mdfGrpGetNext(mdf_group** group) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (group == nullptr || *group == nullptr) return MDF_GRP_NOT_FOUND;
+    if (!is_group(*group)) return bad_group();
+    for (mdf_group* g = (*group)->next; g != nullptr; g = g->next) {
+      if (g->file == (*group)->file) {
+        *group = g;
+        return 0;
+      }
+    }
+    *group = nullptr;
+    return MDF_GRP_NOT_FOUND;
+  });
+}
+
+KORVEL_API int16_t mdfGrpChannels(uint16_t* count, mdf_group* group) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    *count = group->channel_count;
+    return 0;
+  });
+}
+
+KORVEL_API int16_t mdfGrpRecords(uint32_t* count, mdf_group* group) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    *count = record_count(group);
+    return 0;
+  });
+}
+
+KORVEL_API int16_t mdfGrpTell(uint32_t* index, mdf_group* group) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    *index = group->record_index;
+    return 0;
+  });
+}
+
+KORVEL_API int16_t mdfGrpSeek(mdf_group* group, int32_t position, uint16_t mode) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    return seek_record(group, position, mode);
+  });
+}
+
+KORVEL_API int16_t mdfGrpWrite(mdf_group* group) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    return write_record(group);
+  });
+}
+
+KORVEL_API int16_t mdfGrpWriteAppend(mdf_group* group) {
+  return checked_call("MDFGRP1", [&]() -> int16_t {
+    if (!is_group(group)) return bad_group();
+    return append_record(group);
+  });
+}
+
+KORVEL_API int32_t mdfGrpBuffer(uint8_t** data, mdf_group* group) {
+  // No status bookkeeping; a handle that is not a group gives size 0 and no address.
+  if (!is_group(group)) {
+    if (data != nullptr) *data = nullptr;
+    return 0;
+  }
+  if (data != nullptr) *data = record_data(group);
+  return static_cast<int32_t>(record_size(group)) + static_cast<int32_t>(kBufferExtra);
+}
+
+KORVEL_API int16_t mdfFileChannels(uint32_t* count, mdf_file* file) {
+  return checked_call("MDFFILE1", [&]() -> int16_t {
+    if (!is_file(file)) return bad_file();
+    *count = 0;
+    for (uint32_t n = 1; n <= file->group_count; ++n) {
+      mdf_group* g = nullptr;
+      if (int16_t st = mdfGrpOpen(&g, file, static_cast<uint16_t>(n), 0); st != 0) return st;
+      *count += g->channel_count;
+      mdfGrpClose(g);
+    }
+    return 0;
+  });
+}
+
+}  // extern "C"
