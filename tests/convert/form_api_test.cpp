@@ -8,6 +8,7 @@
 
 #include "korvel.h"
 #include "support/mdf_builder.h"
+#include "support/scratch.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ class FormApi : public ::testing::Test {
   void SetUp() override {
     mdfClose();
     ASSERT_EQ(mdfOpen(nullptr), 0);
-    path_ = (fs::temp_directory_path() / "korvel_form_api.mdf").string();
+    path_ = (mdftest::scratch_dir("korvel_form") / "form.mdf").string();
     mdftest::FileModel f;
     auto& cg = f.add_data_group().add_channel_group(8);
     cg.add_channel("plain", 0, 8, 0);
@@ -52,7 +53,7 @@ class FormApi : public ::testing::Test {
   }
   void TearDown() override {
     mdfClose();
-    fs::remove(path_);
+    fs::remove_all(fs::path(path_).parent_path());
   }
   channelnode* channel(uint16_t index) {
     channelnode* ch = nullptr;

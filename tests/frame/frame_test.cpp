@@ -10,6 +10,7 @@
 
 #include "frame/frame.h"
 #include "korvel.h"
+#include "support/scratch.h"
 
 namespace {
 
@@ -210,9 +211,7 @@ class MessageTexts : public Frame {
   void SetUp() override {
     Frame::SetUp();
     old_dir_ = std::filesystem::current_path();
-    dir_ = std::filesystem::temp_directory_path() /
-           ("korvel_texts_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
-    std::filesystem::create_directories(dir_);
+    dir_ = mdftest::scratch_dir("korvel_texts");
     std::filesystem::current_path(dir_);
   }
   void TearDown() override {

@@ -11,6 +11,7 @@
 #include "korvel.h"
 #include "support/mdf_builder.h"
 #include "support/mdf_reader.h"
+#include "support/scratch.h"
 
 namespace {
 
@@ -21,11 +22,7 @@ class GroupApi : public ::testing::Test {
   void SetUp() override {
     mdfClose();
     ASSERT_EQ(mdfOpen(nullptr), 0);
-    dir_ = fs::temp_directory_path() /
-           ("korvel_group_" +
-            std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
+    dir_ = mdftest::scratch_dir("korvel_group");
   }
   void TearDown() override {
     mdfClose();

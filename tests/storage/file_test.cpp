@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <random>
 #include <string>
 
 #include "frame/bytes.h"
@@ -12,6 +13,7 @@
 #include "storage/node.h"
 #include "support/mdf_builder.h"
 #include "support/mdf_reader.h"
+#include "support/scratch.h"
 
 namespace {
 
@@ -23,11 +25,7 @@ class FileApi : public ::testing::Test {
   void SetUp() override {
     mdfClose();
     ASSERT_EQ(mdfOpen(nullptr), 0);
-    dir_ = fs::temp_directory_path() /
-           ("korvel_file_" +
-            std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
+    dir_ = mdftest::scratch_dir("korvel_file");
   }
   void TearDown() override {
     mdfClose();
@@ -42,8 +40,8 @@ class FileApi : public ::testing::Test {
 };
 
 // A small sorted file: one data group, one channel group with two channels.
-mdftest::FileSpec small_file() {
-  mdftest::FileSpec f;
+mdftest::FileModel small_file() {
+  mdftest::FileModel f;
   auto& dg = f.add_data_group();
   auto& cg = dg.add_channel_group(8);
   auto& t = cg.add_channel("time", 0, 32, 2, 1);
@@ -180,7 +178,7 @@ TEST_F(FileApi, RefusedCalls) {
 }
 
 TEST_F(FileApi, SortednessAndGroupCount) {
-  mdftest::FileSpec f;
+  mdftest::FileModel f;
   auto& dg = f.add_data_group(1);
   dg.add_channel_group(4, 1).add_channel("a", 0, 32, 0);
   dg.add_channel_group(2, 2).add_channel("b", 0, 16, 0);
@@ -268,7 +266,7 @@ TEST_F(FileApi, ChannelBlockSizesAndFloatRepair) {
                         {240, 0, 16, 0, 7}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.size);
-    mdftest::FileSpec f;
+    mdftest::FileModel f;
     auto& ch = f.add_data_group().add_channel_group(8).add_channel("x", 0, c.bits, c.data_type);
     ch.block_size = c.size;
     if (c.size >= 222) ch.long_name = "a long name";
@@ -293,12 +291,12 @@ TEST_F(FileApi, HostileFilesAreRefused) {
   namespace off = mdftest::off;
   struct Case {
     const char* what;
-    std::function<void(mdftest::FileSpec&)> spec;
+    std::function<void(mdftest::FileModel&)> spec;
     std::function<void(Built&)> damage;
     int16_t status;
     bool sticky;
   };
-  auto none = [](mdftest::FileSpec&) {};
+  auto none = [](mdftest::FileModel&) {};
   const uint32_t far = 0x7FFFFFF0u;
   const Case cases[] = {
       {"wrong identifier", [](auto& f) { f.id.file_id = "MDX     "; }, [](Built&) {}, -2004, true},
@@ -407,6 +405,72 @@ TEST_F(FileApi, HostileFilesAreRefused) {
     }
     EXPECT_EQ(mdftest::load_file(in), before);  // the source is never touched
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Thousands of randomly damaged files: every open ends with a status, and whatever opens can
+// be walked group by group and record by record without leaving the file's bytes.
+TEST_F(FileApi, RandomlyDamagedFilesNeverCrash) {
+  auto f = small_file();
+  f.header.comment = "header comment";
+  auto& dg = f.add_data_group(1);
+  for (uint16_t c = 1; c <= 2; ++c) {
+    auto& cg = dg.add_channel_group(3, c);
+    cg.block_size = 30;
+    cg.sample_reductions.resize(1);
+    cg.add_channel("u" + std::to_string(c), 0, 16, 0).conversion =
+        mdftest::range_table({{0, 1, std::string("{EVAL \"2*{X}\"}")}});
+    for (int k = 0; k < 3; ++k) cg.add_record();
+  }
+  const auto pristine = mdftest::build(f);
+  std::mt19937 random(20261122);
+  const std::string in = path("fuzz.mdf");
+  int opened = 0;
+  for (int round = 0; round < 1500; ++round) {
+    auto bytes = pristine.bytes;
+    const int flips = 1 + static_cast<int>(random() % 4);
+    for (int i = 0; i < flips; ++i) {
+      const size_t at = random() % bytes.size();
+      switch (random() % 3) {
+        case 0:
+          bytes[at] = static_cast<uint8_t>(random());
+          break;
+        case 1:
+          bytes[at] ^= static_cast<uint8_t>(1u << (random() % 8));
+          break;
+        default:  // a link-sized value pointing somewhere in or near the file
+          if (at + 4 <= bytes.size()) {
+            const uint32_t v = static_cast<uint32_t>(random() % (bytes.size() + 64));
+            std::memcpy(bytes.data() + at, &v, 4);
+          }
+      }
+    }
+    if (random() % 8 == 0) bytes.resize(random() % bytes.size());
+    mdftest::write_file(in, bytes);
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+    mdf_file* file = nullptr;
+    if (mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ) != 0) {
+      EXPECT_EQ(file, nullptr);
+      continue;
+    }
+    ++opened;
+    uint16_t groups = 0;
+    mdfFileGroups(&groups, file);
+    for (uint16_t n = 1; n <= groups && n <= 8; ++n) {
+      mdf_group* g = nullptr;
+      if (mdfGrpOpen(&g, file, n, 0) != 0) break;
+      for (int k = 0; k < 16 && mdfGrpSeek(g, 1, MDF_SEEK_REL) == 0; ++k) {
+      }
+      mdfGrpClose(g);
+    }
+    mdfFileClose(file);
+    EXPECT_EQ(mdftest::load_file(in), bytes);
+  }
+  EXPECT_GT(opened, 0);
 }
 
 }  // namespace

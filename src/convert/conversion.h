@@ -1,0 +1,45 @@
+// Conversion rules of CC blocks: raw value to physical value and back.
+//
+// A CC image is the in-memory block: `cc` points at the block head, the block size is the
+// 16-bit size of that head, and 16 bytes right behind the block hold the linear pair of the
+// verbal range table (offset REAL, then factor REAL). Parameters are read only from inside
+// the block size: a parameter whose bytes lie beyond the block reads as 0.0, and a table
+// uses only the entries that lie wholly inside the block. A block shorter than the 46-byte
+// common part has no readable type and counts as an unsupported rule.
+//
+// A null CC image is the identity.
+#pragma once
+
+#include <cstdint>
+
+namespace korvel {
+
+// Forward conversion of a raw value x into the physical value *y. Returns 0, or 1021
+// (unsupported rule type) with *y = x. The image is not const: a text formula (type 10) is
+// upper-cased in place by its evaluator.
+int16_t to_physical(uint8_t* cc, double x, double* y);
+// The same for raw values decoded as signed or unsigned 64-bit integers; both are first
+// turned into a double (unsigned values of 2^63 and above stay positive).
+int16_t to_physical_signed(uint8_t* cc, int64_t x, double* y);
+int16_t to_physical_unsigned(uint8_t* cc, uint64_t x, double* y);
+
+// Inverse conversion of a physical value y into the raw value *x. Returns 0, or 1021 for a
+// text formula or an unsupported rule type; the caller then stores nothing (*x is set to y).
+int16_t to_raw(const uint8_t* cc, double y, double* x);
+
+// The linear pair kept behind a CC image (physical = raw * factor + offset for type 12).
+double cc_extra_offset(const uint8_t* cc);
+double cc_extra_factor(const uint8_t* cc);
+void set_cc_extra(uint8_t* cc, double offset, double factor);
+
+// The TX link of entry `entry` of a verbal range table (type 12), or 0 when the block does
+// not hold that entry.
+uint32_t vtabr_text_link(const uint8_t* cc, uint32_t entry);
+
+// Fills the linear pair behind a CC image. Defaults are offset 0.0 and factor 1.0; for a
+// verbal range table (type 12) with at least one entry and a non-zero text link in entry 0,
+// `entry0_text` (the zero-terminated text of that TX block, null when there is none) is
+// matched against the known scaling annotations and the first full match sets the pair.
+void derive_vtabr_extra(uint8_t* cc, const char* entry0_text);
+
+}  // namespace korvel
