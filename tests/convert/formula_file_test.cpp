@@ -1,0 +1,69 @@
+// Text-formula conversions read from a file, through the channel functions.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "korvel.h"
+#include "support/mdf_builder.h"
+#include "support/scratch.h"
+
+namespace {
+
+TEST(FormulaFile, TextFormulasConvertRecordValues) {
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  const auto dir = mdftest::scratch_dir("korvel_formula_file");
+  const std::string path = (dir / "formula.mdf").string();
+  struct Column {
+    const char* formula;
+    double (*expected)(double);
+  };
+  const Column columns[] = {
+      {"(X*X)/2 + 1", [](double x) { return x * x / 2 + 1; }},
+      {"x*3 - 0x10", [](double x) { return x * 3 - 16; }},
+      {"1/(X-2)", [](double x) { return x == 2 ? 0.0 : 1 / (x - 2); }},  // faulty at X = 2
+      {"X +* 2", [](double) { return 0.0; }},                              // never parses
+      {"2,5", [](double) { return 2.5; }},                                 // a plain number
+  };
+  mdftest::FileModel f;
+  auto& cg = f.add_data_group().add_channel_group(5);
+  for (size_t c = 0; c < std::size(columns); ++c) {
+    cg.add_channel("f" + std::to_string(c), static_cast<uint16_t>(8 * c), 8, 0).conversion =
+        mdftest::formula(columns[c].formula);
+  }
+  for (uint8_t x = 0; x < 6; ++x) {
+    auto& rec = cg.add_record();
+    for (size_t c = 0; c < std::size(columns); ++c) rec[c] = x;
+  }
+  mdftest::write_file(path, mdftest::build(f).bytes);
+
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, path.c_str(), MDF_OPEN_READ), 0);
+  mdf_group* group = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&group, file, 1, MDF_OPEN_READ), 0);
+  for (size_t c = 0; c < std::size(columns); ++c) {
+    SCOPED_TRACE(columns[c].formula);
+    channelnode* ch = nullptr;
+    ASSERT_EQ(mdfChnOpen(&ch, group, static_cast<uint16_t>(c + 1)), 0);
+    for (int x = 0; x < 6; ++x) {
+      double value = -99;
+      EXPECT_EQ(mdfChnReadPhy(&value, ch), 0) << x;  // the evaluator's status is not passed on
+      EXPECT_DOUBLE_EQ(value, columns[c].expected(x)) << x;
+    }
+    EXPECT_EQ(mdfChnClose(ch), 0);
+    ASSERT_EQ(mdfGrpSeek(group, 0, MDF_SEEK_ABS), 0);
+  }
+  // Writing a physical value through a text formula is refused and stores nothing.
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfChnOpen(&ch, group, 1), 0);
+  EXPECT_EQ(mdfChnSetPhy(ch, 5.0), MDF_UNSUPPORTED_RULE);
+  double value = 0;
+  EXPECT_EQ(mdfChnGetPhy(&value, ch, 0), 0);
+  EXPECT_DOUBLE_EQ(value, 1.0);
+  EXPECT_EQ(mdfGetErrorCode(), 0);
+  mdfClose();
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace
