@@ -22,8 +22,9 @@ static_assert(sizeof(off_t) >= 8, "64-bit file offsets are required");
 namespace korvel::platform {
 namespace {
 
-// Permission bits of files the library creates: read and write for the owner.
-constexpr mode_t kNewFileMode = S_IRUSR | S_IWUSR;
+// Read and write for everyone the process's umask allows, as for any file a program makes;
+// a sorted file ends up as a renamed temporary file, so both get the same permissions.
+constexpr mode_t kNewFileMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
 
 // Calls into the file system made through this layer.
 uint64_t g_file_calls = 0;
