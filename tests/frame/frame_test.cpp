@@ -206,6 +206,15 @@ TEST_F(Frame, CoreLeftIsClamped) {
 }
 
 // Message text files: the caller's file first, then KORVEL.TXT in the current directory.
+TEST_F(Frame, ModulePathIsFilledAtLoadAndByLibMain) {
+  const std::string at_load = korvel::module_path();
+  EXPECT_FALSE(at_load.empty());
+  EXPECT_EQ(at_load.front(), '/');
+  std::memset(korvel::module_path(), 'x', 255);
+  EXPECT_EQ(LibMain(nullptr, 1, 1, nullptr), 1);
+  EXPECT_EQ(std::string(korvel::module_path()), at_load);
+}
+
 class MessageTexts : public Frame {
  protected:
   void SetUp() override {

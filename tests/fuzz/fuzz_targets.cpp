@@ -1,0 +1,78 @@
+#include "fuzz/fuzz_targets.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "convert/formula.h"
+#include "korvel.h"
+
+namespace korvel_fuzz {
+
+namespace {
+const std::string& scratch_path() {
+  static const std::string path =
+      (std::filesystem::temp_directory_path() / ("korvel_fuzz_" + std::to_string(::getpid()) + ".mdf"))
+          .string();
+  return path;
+}
+}  // namespace
+
+void open_file(const uint8_t* data, size_t size) {
+  const std::string& path = scratch_path();
+  if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
+    if (size != 0) std::fwrite(data, 1, size, f);
+    std::fclose(f);
+  }
+  mdfClose();
+  mdfOpen(nullptr);
+  mdf_file* file = nullptr;
+  if (mdfFileOpen(&file, path.c_str(), MDF_OPEN_READ) == 0) {
+    uint16_t groups = 0;
+    mdfFileGroups(&groups, file);
+    mdfFileIsSort(file);
+    for (uint16_t n = 1; n <= groups && n <= 16; ++n) {
+      mdf_group* group = nullptr;
+      if (mdfGrpOpen(&group, file, n, MDF_OPEN_READ) != 0) break;
+      uint16_t channels = 0;
+      mdfGrpChannels(&channels, group);
+      for (uint16_t c = 1; c <= channels && c <= 32; ++c) {
+        channelnode* ch = nullptr;
+        if (mdfChnOpen(&ch, group, c) != 0) break;
+        const char* text = nullptr;
+        mdfChnGetText(ch, &text);
+        mdfChnGetLongName(ch, &text);
+        mdfChnGetDisplayName(ch, &text);
+        for (int k = 0; k < 4; ++k) {
+          double value = 0;
+          uint64_t raw = 0;
+          uint8_t bytes[64];
+          uint32_t length = sizeof bytes;
+          mdfChnGetHex(&value, ch, 0);
+          mdfChnGetHexInt(&raw, ch, 0);
+          mdfChnGetData(bytes, &length, ch, 0);
+          if (mdfChnReadPhy(&value, ch) != 0) break;
+        }
+        for (uint16_t i = 0; i < 3; ++i) mdfChnGetFormVTabText(ch, i, &text);
+        mdfChnClose(ch);
+      }
+      mdfGrpClose(group);
+    }
+    mdfFileClose(file);
+  }
+  mdfClose();
+}
+
+void evaluate_formula(const uint8_t* data, size_t size) {
+  std::vector<char> text(data, data + size);
+  for (double x : {0.0, 1.0, -2.5}) {
+    std::vector<char> copy = text;
+    double result = 0;
+    korvel::evaluate_formula(copy, x, &result);
+  }
+}
+
+}  // namespace korvel_fuzz
