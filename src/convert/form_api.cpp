@@ -33,6 +33,17 @@ void head_outs(const Node* cc, uint16_t* type, const char** unit) {
   if (unit != nullptr) *unit = unit_of(cc);
 }
 
+// Hands out count and entries of a table rule of one of the accepted types; for any other
+// type both are set null and `refusal` is raised with the type.
+int16_t table_outs(const Node* cc, uint16_t accept1, uint16_t accept2, int16_t refusal,
+                   const uint16_t** count, const void** entries) {
+  const uint16_t t = type_of(cc);
+  const bool accepted = t == accept1 || t == accept2;
+  if (count != nullptr) *count = accepted ? count_of(cc) : nullptr;
+  if (entries != nullptr) *entries = accepted ? cc->image + cc::kParams : nullptr;
+  return accepted ? int16_t{0} : raise_fmt(refusal, "(id=%d)", t);
+}
+
 // The text of entry `index` of a verbal table, read at the range-table entry stride for
 // both table kinds. A value there that is not a link of the block is looked up as a
 // position and taken only when a text block lies there; nothing is raised for it.
@@ -109,15 +120,7 @@ KORVEL_API int16_t mdfChnGetFormTab(channelnode* channel, uint16_t* type, const 
     const Node* cc = channel->cc;
     if (cc == nullptr) return raise(MDF_NO_FORMULA, "");
     head_outs(cc, type, unit);
-    const uint16_t t = type_of(cc);
-    if (t != MDF_CC_FRM_ITAB && t != MDF_CC_FRM_TAB) {
-      if (count != nullptr) *count = nullptr;
-      if (points != nullptr) *points = nullptr;
-      return raise_fmt(MDF_NOT_A_TABLE, "(id=%d)", t);
-    }
-    if (count != nullptr) *count = count_of(cc);
-    if (points != nullptr) *points = cc->image + cc::kParams;
-    return 0;
+    return table_outs(cc, MDF_CC_FRM_ITAB, MDF_CC_FRM_TAB, MDF_NOT_A_TABLE, count, points);
   });
 }
 
@@ -128,15 +131,7 @@ KORVEL_API int16_t mdfChnGetFormVTab(channelnode* channel, uint16_t* type, const
     const Node* cc = channel->cc;
     if (cc == nullptr) return raise(MDF_NO_FORMULA, "");
     head_outs(cc, type, unit);
-    const uint16_t t = type_of(cc);
-    if (t != MDF_CC_FRM_VTAB) {
-      if (count != nullptr) *count = nullptr;
-      if (entries != nullptr) *entries = nullptr;
-      return raise_fmt(MDF_NOT_A_VTAB, "(id=%d)", t);
-    }
-    if (count != nullptr) *count = count_of(cc);
-    if (entries != nullptr) *entries = cc->image + cc::kParams;
-    return 0;
+    return table_outs(cc, MDF_CC_FRM_VTAB, MDF_CC_FRM_VTAB, MDF_NOT_A_VTAB, count, entries);
   });
 }
 
@@ -150,15 +145,7 @@ KORVEL_API int16_t mdfChnGetFormVTabR(channelnode* channel, uint16_t* type, cons
     head_outs(cc, type, unit);
     if (offset != nullptr) *offset = cc_extra_offset(cc->image);
     if (factor != nullptr) *factor = cc_extra_factor(cc->image);
-    const uint16_t t = type_of(cc);
-    if (t != MDF_CC_FRM_VTABR) {
-      if (count != nullptr) *count = nullptr;
-      if (entries != nullptr) *entries = nullptr;
-      return raise_fmt(MDF_NOT_A_VTABR, "(id=%d)", t);
-    }
-    if (count != nullptr) *count = count_of(cc);
-    if (entries != nullptr) *entries = cc->image + cc::kParams;
-    return 0;
+    return table_outs(cc, MDF_CC_FRM_VTABR, MDF_CC_FRM_VTABR, MDF_NOT_A_VTABR, count, entries);
   });
 }
 
