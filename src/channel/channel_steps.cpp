@@ -1,10 +1,21 @@
 // Record steps of the channel Read and Write functions.
 #include "channel/channel_steps.h"
 
+#include <cstdint>
+
 #include "frame/frame.h"
 #include "group/group.h"
 
 namespace korvel {
+namespace {
+
+// The counters only tell whether a handle has stepped before; they stop at their maximum
+// instead of wrapping to 0, which would make the next step stay on the current record.
+void count_step(uint16_t& steps) {
+  if (steps != UINT16_MAX) ++steps;
+}
+
+}  // namespace
 
 int16_t read_step(channelnode* ch) {
   if (ch->read_steps == 0) {
@@ -21,7 +32,7 @@ int16_t read_step(channelnode* ch) {
     }
   }
   if (int16_t st = group_seek(g, 1, MDF_SEEK_REL); st != 0) return st;
-  ++ch->read_steps;
+  count_step(ch->read_steps);
   return 0;
 }
 
@@ -39,7 +50,7 @@ int16_t write_step(channelnode* ch) {
     if (int16_t st = group_write(g); st != 0) return st;
     if (int16_t st = group_seek(g, 1, MDF_SEEK_REL); st != 0) return st;
   }
-  ++ch->write_steps;
+  count_step(ch->write_steps);
   return 0;
 }
 
