@@ -127,6 +127,9 @@ int16_t create_channel(channelnode** out, mdf_group* g, uint16_t type, uint16_t 
                        uint16_t value_type, const char* name) {
   value_type = normalise_value_type(value_type, bits);
   if (name == nullptr || name[0] == '\0') return internal_error(kUnit, 340);
+  // A group open for rewriting records writes its channel group back at close, but never
+  // new channel blocks: a grown record size there would no longer match the records.
+  if (g->mode == 1) return raise(MDF_ERR_OPEN_MODE, "");
   if (int16_t st = check_bits(value_type, &bits); st != 0) return st;
 
   // The new value goes behind every value of the group. A small field shares the last byte

@@ -1605,6 +1605,21 @@ TEST_F(ChannelApi, ReadStepsOfOpenedAndCreatedHandles) {
   EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
+TEST_F(ChannelApi, CreatingInAModifiedGroupIsRefusedAndLeavesTheFile) {
+  const auto file = write(ten_records());
+  const auto before = mdftest::load_file(file);
+  mdf_file* f = nullptr;
+  mdf_group* g = nullptr;
+  ASSERT_EQ(mdfFileOpen(&f, file.c_str(), MDF_OPEN_MODIFY), 0);
+  ASSERT_EQ(mdfGrpOpen(&g, f, 1, MDF_OPEN_MODIFY), 0);
+  channelnode* ch = nullptr;
+  EXPECT_EQ(mdfChnCreate(&ch, g, 0, 32, MDF_DT_UINT, "extra"), MDF_ERR_OPEN_MODE);
+  EXPECT_EQ(ch, nullptr);
+  mdfClose();
+  // The sticky error kept the closes from writing anything.
+  EXPECT_EQ(mdftest::load_file(file), before);
+}
+
 TEST_F(ChannelApi, WriteStepsInModifyMode) {
   const auto file = write(ten_records());
   mdf_file* f = nullptr;
