@@ -55,13 +55,13 @@ void build_file(const std::string& path) {
       ++number;
       const bool time = c == 0;
       const std::string name = time ? "time_" + std::to_string(g + 1)
-                                     : "sig_" + std::to_string(g + 1) + "_" + std::to_string(c);
+                                    : "sig_" + std::to_string(g + 1) + "_" + std::to_string(c);
       const auto first_bit = static_cast<uint16_t>(time ? 0 : 64 + 16 * (c - 1));
       auto& cn = cg.add_channel(name, first_bit, time ? 64 : 16, time ? 3 : 0, time ? 1 : 0);
-      cn.conversion = time ? mdftest::linear(0.0, 0.001, "s")
-                           : mdftest::linear(-1.0 * c, 0.01 * (c + 1), "V");
-      cn.comment = "Comment of channel " + std::to_string(number) + " in group " +
-                   std::to_string(g + 1);
+      cn.conversion =
+          time ? mdftest::linear(0.0, 0.001, "s") : mdftest::linear(-1.0 * c, 0.01 * (c + 1), "V");
+      cn.comment =
+          "Comment of channel " + std::to_string(number) + " in group " + std::to_string(g + 1);
     }
   }
   const mdftest::Built built = mdftest::build(f);
@@ -159,12 +159,12 @@ int peak_memory_mode() {
   std::printf("channels / groups           %u / %d\n", kChannels, kGroups);
   std::printf("first open (cold process)   %.1f ms\n",
               std::chrono::duration<double, std::milli>(t1 - t0).count());
-  std::printf("peak RSS growth, first open %.0f bytes (%.2f MiB) = %.2f x file size\n",
-              peak_growth, peak_growth / mib, peak_growth / file_bytes);
-  std::printf("RSS growth while open       %.0f bytes (%.2f MiB) = %.2f x file size\n",
-              rss_growth, rss_growth / mib, rss_growth / file_bytes);
-  std::printf("heap in use while open      %.0f bytes (%.2f MiB) = %.2f x file size\n",
-              heap_growth, heap_growth / mib, heap_growth / file_bytes);
+  std::printf("peak RSS growth, first open %.0f bytes (%.2f MiB) = %.2f x file size\n", peak_growth,
+              peak_growth / mib, peak_growth / file_bytes);
+  std::printf("RSS growth while open       %.0f bytes (%.2f MiB) = %.2f x file size\n", rss_growth,
+              rss_growth / mib, rss_growth / file_bytes);
+  std::printf("heap in use while open      %.0f bytes (%.2f MiB) = %.2f x file size\n", heap_growth,
+              heap_growth / mib, heap_growth / file_bytes);
   return 0;
 }
 
@@ -192,8 +192,7 @@ void BM_FileOpenClose(benchmark::State& state) {
       break;
     }
   }
-  state.counters["file_MiB"] =
-      static_cast<double>(fs::file_size(g_path)) / (1024.0 * 1024.0);
+  state.counters["file_MiB"] = static_cast<double>(fs::file_size(g_path)) / (1024.0 * 1024.0);
   state.counters["channels"] = kChannels;
   mdfClose();
 }
@@ -225,9 +224,9 @@ int main(int argc, char** argv) {
   }
   argc = kept;
   if (g_path.empty()) {
-    g_path = (fs::temp_directory_path() /
-              ("korvel_bench_open_" + std::to_string(getpid()) + ".mdf"))
-                 .string();
+    g_path =
+        (fs::temp_directory_path() / ("korvel_bench_open_" + std::to_string(getpid()) + ".mdf"))
+            .string();
   }
   if (!build_file_in_child(g_path)) {
     std::fprintf(stderr, "could not build the file %s\n", g_path.c_str());

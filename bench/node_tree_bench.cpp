@@ -131,9 +131,9 @@ void BM_BuildAndResolve(benchmark::State& state) {
   if (resolved != expected) return fail(state, "wrong number of links resolved");
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * n));
   // Seconds per node of the timed part (printed with an SI prefix, e.g. 75n = 75 ns).
-  state.counters["time_per_node"] = benchmark::Counter(
-      static_cast<double>(n),
-      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["time_per_node"] =
+      benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
+                                                     benchmark::Counter::kInvert);
   const double node_count = static_cast<double>(state.iterations()) * static_cast<double>(n);
   state.counters["build_ns_per_node"] =
       std::chrono::duration<double, std::nano>(build_time).count() / node_count;

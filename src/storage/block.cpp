@@ -502,8 +502,7 @@ int16_t read_block(mdf_file* file, uint32_t link, uint16_t expected, Node** out,
     return 0;
   }
   const uint16_t number = file->io_number;
-  if (int16_t st = io::seek(number, 0, 2); st != 0) return st;
-  const int64_t file_size = io::tell(number);
+  const int64_t file_size = io::known_size(number);
   if (static_cast<int64_t>(link) + 4 > file_size) return MDF_ERR_FORMAT;
   uint8_t head[4];
   if (int16_t st = io::seek(number, link, 0); st != 0) return st;

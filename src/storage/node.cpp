@@ -46,11 +46,10 @@ Node* NodeTree::add(uint16_t kind, uint32_t image_size, uint32_t read_position,
     // Room for one more node, grown by doubling: reserving exactly one more slot would copy
     // the whole list at every add, which makes building a tree quadratic in its size.
     if (nodes_.size() == nodes_.capacity()) nodes_.reserve(nodes_.empty() ? 64 : 2 * nodes_.size());
-    // The same for the position index: reserving one more entry makes the table rehash
-    // (walking every entry) each time it passes the next of its closely spaced sizes.
-    if (read_position != 0 && static_cast<float>(by_position_.size() + 1) >
-                                  by_position_.max_load_factor() *
-                                      static_cast<float>(by_position_.bucket_count())) {
+    // The same for the position index (its load factor stays at the default 1): reserving
+    // exactly one more entry grows the table to the next of its bucket counts, which lie
+    // about 10% apart, so it would rehash (walking every entry) far more often.
+    if (read_position != 0 && by_position_.size() + 1 > by_position_.bucket_count()) {
       by_position_.reserve(2 * by_position_.size() + 64);
     }
   } catch (const std::bad_alloc&) {
