@@ -70,7 +70,7 @@ Node* NodeTree::add(uint16_t kind, uint32_t image_size, uint32_t read_position,
   node->image = back + kBackPointer;
   LinkRecord* links = node->links();
   for (uint16_t i = 0; i < link_count; ++i) {
-    links[i] = LinkRecord{kLinkTag, link_fields[i], 0, nullptr};
+    links[i] = LinkRecord{kLinkTag, static_cast<uint16_t>(link_fields[i]), 0, nullptr};
   }
   node->list_index = static_cast<uint32_t>(nodes_.size());
   nodes_.push_back(node);

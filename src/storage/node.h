@@ -21,7 +21,7 @@ namespace korvel {
 
 constexpr uint32_t kFileTag = 30820;     // 0x7864
 constexpr uint32_t kNodeTag = 30565;     // 0x7765
-constexpr uint32_t kLinkTag = 5269;      // 0x1495
+constexpr uint16_t kLinkTag = 5269;      // 0x1495
 constexpr uint32_t kGroupTag = 30775;    // 0x7837
 constexpr uint32_t kChannelTag = 10444;  // 0x28CC
 
@@ -29,11 +29,12 @@ struct Node;
 
 // One link field of a block: where it points as read, and its target once resolved or set.
 struct LinkRecord {
-  uint32_t tag;       // kLinkTag
-  uint32_t field;     // offset of the 32-bit link field inside the owner's image
+  uint16_t tag;       // kLinkTag
+  uint16_t field;     // offset of the 32-bit link field inside the owner's image
   uint32_t position;  // the link value as read (the target's file offset)
   Node* target;       // the target once resolved or set, else null
 };
+static_assert(sizeof(LinkRecord) == 16, "link records are kept small: a file has millions");
 
 struct Node {
   uint32_t tag;               // kNodeTag
