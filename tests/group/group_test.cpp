@@ -437,3 +437,61 @@ TEST_F(GroupApi, FileChannelsCountsEveryGroup) {
 }
 
 }  // namespace
+
+namespace {
+
+// Closing a created group appends, from the last channel to the first, each channel's
+// conversion, comment, display name and long name and then the channel; then the channel
+// group and the data group, and rewrites the header in place.
+TEST_F(GroupApi, CloseWritesTheBlocksOfACreatedGroupInOrder) {
+  const auto p = (dir_ / "order.mdf").string();
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_CREATE), 0);
+  mdf_group* g = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&g, file, 1, MDF_OPEN_CREATE), 0);
+  channelnode* chs[2] = {};
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(mdfChnCreate(&chs[i], g, 0, 16, MDF_DT_UINT, i == 0 ? "first" : "second"), 0);
+    ASSERT_EQ(mdfChnSetFormLin(chs[i], "u", 0, 2), 0);
+    ASSERT_EQ(mdfChnSetText(chs[i], i == 0 ? "comment 1" : "comment 2"), 0);
+    ASSERT_EQ(mdfChnSetInfoExt(chs[i], 0, "long name", "shown"), 0);
+  }
+  ASSERT_EQ(mdfChnSetHexInt(chs[0], 7), 0);
+  ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+  ASSERT_EQ(mdfGrpClose(g), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+
+  const auto r = mdftest::read_file(p);
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  const auto& dg = r.data_groups.at(0);
+  const auto& cg = dg.channel_groups.at(0);
+  ASSERT_EQ(cg.channels.size(), 2u);
+  // Blocks in the order they were appended, behind the one record (identifier + 4 bytes).
+  std::vector<uint32_t> order;
+  for (int i = 1; i >= 0; --i) {
+    const auto& cn = cg.channels[static_cast<size_t>(i)];
+    order.insert(order.end(), {cn.conversion_link, cn.comment_link, cn.display_name_link,
+                               cn.long_name_link, cn.offset});
+  }
+  order.insert(order.end(), {cg.offset, dg.offset});
+  uint32_t expected = dg.data_link + 1 + 4;
+  for (uint32_t at : order) {
+    ASSERT_EQ(at, expected);
+    expected += r.blocks.at(at).size;
+  }
+  EXPECT_EQ(r.bytes.size(), expected);
+  EXPECT_EQ(r.header.first_dg_link, dg.offset);
+  EXPECT_EQ(cg.channels[0].name, "first");
+  EXPECT_EQ(cg.channels[0].next_link, cg.channels[1].offset);
+  EXPECT_EQ(cg.channels[1].comment, "comment 2");
+  EXPECT_EQ(cg.channels[1].long_name, "long name");
+  EXPECT_EQ(cg.channels[1].display_name, "shown");
+  EXPECT_EQ(cg.channels[0].conversion->params.at(1), 2.0);
+  EXPECT_EQ(cg.record_size, 4);
+  EXPECT_EQ(cg.cn_count, 2);
+  EXPECT_EQ(cg.record_count, 0u);  // one appended record is written as count 0
+  EXPECT_EQ(r.bytes[dg.data_link], 1);
+  EXPECT_EQ(r.bytes[dg.data_link + 1], 7);
+}
+
+}  // namespace
