@@ -109,18 +109,11 @@ class Reader {
     const auto hd = block(off::id_size, "HD", "header");
     if (!hd) return;
     read_header(*hd);
-    std::set<uint32_t> seen;
-    for (uint32_t link = r_.header.first_dg_link; link != 0;) {
-      const std::string path = "dg[" + std::to_string(r_.data_groups.size()) + "]";
-      if (!seen.insert(link).second) {
-        error(path + ": cycle in the data group chain, " + hex(link) + " reached again");
-        break;
-      }
-      const auto b = block(link, "DG", path);
-      if (!b) break;
-      read_data_group(*b, r_.data_groups.emplace_back(), path);
-      link = r_.data_groups.back().next_link;
-    }
+    walk_chain(r_.header.first_dg_link, "DG", "dg", "data group",
+               [&](const Blk& b, const std::string& p) {
+                 read_data_group(b, r_.data_groups.emplace_back(), p);
+                 return r_.data_groups.back().next_link;
+               });
     if (opt_.split_records)
       for (size_t i = 0; i < r_.data_groups.size(); ++i)
         read_data(r_.data_groups[i], "dg[" + std::to_string(i) + "]");
@@ -221,18 +214,11 @@ class Reader {
       }
       t.comment = text(t.comment_link, path, "trigger comment");
     }
-    std::set<uint32_t> seen;
-    for (uint32_t link = dg.first_cg_link; link != 0;) {
-      const std::string p = path + ".cg[" + std::to_string(dg.channel_groups.size()) + "]";
-      if (!seen.insert(link).second) {
-        error(p + ": cycle in the channel group chain, " + hex(link) + " reached again");
-        break;
-      }
-      const auto cg = block(link, "CG", p);
-      if (!cg) break;
-      read_channel_group(*cg, dg.channel_groups.emplace_back(), p);
-      link = dg.channel_groups.back().next_link;
-    }
+    walk_chain(dg.first_cg_link, "CG", path + ".cg", "channel group",
+               [&](const Blk& member, const std::string& p) {
+                 read_channel_group(member, dg.channel_groups.emplace_back(), p);
+                 return dg.channel_groups.back().next_link;
+               });
   }
 
   void read_channel_group(const Blk& b, ReadChannelGroup& g, const std::string& path) {
@@ -247,30 +233,34 @@ class Reader {
     g.record_count = b.u32(off::cg_record_count);
     g.first_sr_link = b.u32(off::cg_first_sr);
     g.comment = text(g.comment_link, path, "comment");
+    walk_chain(g.first_sr_link, "SR", path + ".sr", "sample reduction",
+               [&](const Blk& sr, const std::string&) {
+                 g.sample_reductions.push_back({sr.at, sr.u32(off::sr_next), sr.u32(off::sr_data),
+                                                sr.u32(off::sr_count), sr.real(off::sr_interval)});
+                 return g.sample_reductions.back().next_link;
+               });
+    walk_chain(g.first_cn_link, "CN", path + ".cn", "channel",
+               [&](const Blk& member, const std::string& p) {
+                 read_channel(member, g.channels.emplace_back(), p);
+                 return g.channels.back().next_link;
+               });
+  }
+
+  // Follows a chain of blocks of one kind from `link`, stopping at a cycle or a bad block.
+  // `visit` reads a member and returns the link to the next one.
+  template <class Visit>
+  void walk_chain(uint32_t link, const char* id, const std::string& path, const char* what,
+                  Visit&& visit) {
     std::set<uint32_t> seen;
-    for (uint32_t link = g.first_sr_link; link != 0;) {
-      const std::string p = path + ".sr[" + std::to_string(g.sample_reductions.size()) + "]";
+    for (size_t i = 0; link != 0; ++i) {
+      const std::string p = path + "[" + std::to_string(i) + "]";
       if (!seen.insert(link).second) {
-        error(p + ": cycle in the sample reduction chain, " + hex(link) + " reached again");
-        break;
+        error(p + ": cycle in the " + what + " chain, " + hex(link) + " reached again");
+        return;
       }
-      const auto sr = block(link, "SR", p);
-      if (!sr) break;
-      g.sample_reductions.push_back({sr->at, sr->u32(off::sr_next), sr->u32(off::sr_data),
-                                     sr->u32(off::sr_count), sr->real(off::sr_interval)});
-      link = g.sample_reductions.back().next_link;
-    }
-    seen.clear();
-    for (uint32_t link = g.first_cn_link; link != 0;) {
-      const std::string p = path + ".cn[" + std::to_string(g.channels.size()) + "]";
-      if (!seen.insert(link).second) {
-        error(p + ": cycle in the channel chain, " + hex(link) + " reached again");
-        break;
-      }
-      const auto cn = block(link, "CN", p);
-      if (!cn) break;
-      read_channel(*cn, g.channels.emplace_back(), p);
-      link = g.channels.back().next_link;
+      const auto b = block(link, id, p);
+      if (!b) return;
+      link = visit(*b, p);
     }
   }
 
