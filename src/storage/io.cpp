@@ -2,6 +2,8 @@
 // read-ahead window of descriptor-style files.
 #include "storage/io.h"
 
+#include <algorithm>
+
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
@@ -364,9 +366,13 @@ int16_t set_size(uint16_t number, int64_t size) {
   if (r == nullptr) return internal_error(kUnit, __LINE__);
   bool ok;
   if (is_stream(r)) {
-    // Seeking the stream to its own position writes out what it holds and drops what it
-    // read ahead, so that nothing buffered lands beyond the new end.
-    ok = platform::seek_stream(r->stream, r->position) && platform::set_file_length(r->fd, size);
+    // Flushing writes out what the stream holds before the file is cut. Afterwards the stream
+    // is sent past anything its buffer can hold and back: a seek into the range it buffered
+    // before the change would serve the old bytes again.
+    const int64_t beyond = std::max(size, r->position) + 2 * 65536;
+    ok = platform::flush_stream(r->stream) && platform::set_file_length(r->fd, size) &&
+         platform::seek_stream(r->stream, beyond) &&
+         platform::seek_stream(r->stream, std::min(r->position, size));
     r->last = LastTransfer::none;
   } else {
     ok = platform::set_file_length(r->fd, size);
