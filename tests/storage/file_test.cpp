@@ -291,7 +291,7 @@ TEST_F(FileApi, HostileFilesAreRefused) {
   namespace off = mdftest::off;
   struct Case {
     const char* what;
-    std::function<void(mdftest::FileModel&)> spec;
+    std::function<void(mdftest::FileModel&)> model;
     std::function<void(Built&)> damage;
     int16_t status;
     bool sticky;
@@ -390,7 +390,7 @@ TEST_F(FileApi, HostileFilesAreRefused) {
     mdfClose();
     ASSERT_EQ(mdfOpen(nullptr), 0);
     auto f = small_file();
-    c.spec(f);
+    c.model(f);
     auto built = mdftest::build(f);
     c.damage(built);
     const auto in = write(built);
