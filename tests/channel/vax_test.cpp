@@ -40,8 +40,8 @@ uint64_t le_value(const Bytes& b) {
 Bytes vax(uint64_t v, std::size_t size) {
   Bytes b;
   for (std::size_t w = size / 2; w-- > 0;) {
-    b.insert(b.end(),
-             {static_cast<uint8_t>(v >> (16 * w)), static_cast<uint8_t>(v >> (16 * w + 8))});
+    b.push_back(static_cast<uint8_t>(v >> (16 * w)));
+    b.push_back(static_cast<uint8_t>(v >> (16 * w + 8)));
   }
   return b;
 }

@@ -23,14 +23,14 @@ TEST(FormulaFile, TextFormulasConvertRecordValues) {
       {"(X*X)/2 + 1", [](double x) { return x * x / 2 + 1; }},
       {"x*3 - 0x10", [](double x) { return x * 3 - 16; }},
       {"1/(X-2)", [](double x) { return x == 2 ? 0.0 : 1 / (x - 2); }},  // faulty at X = 2
-      {"X +* 2", [](double) { return 0.0; }},                              // never parses
-      {"2,5", [](double) { return 2.5; }},                                 // a plain number
+      {"X +* 2", [](double) { return 0.0; }},                            // never parses
+      {"2,5", [](double) { return 2.5; }},                               // a plain number
   };
   mdftest::FileModel f;
   auto& cg = f.add_data_group().add_channel_group(5);
   for (size_t c = 0; c < std::size(columns); ++c) {
-    cg.add_channel("f" + std::to_string(c), static_cast<uint16_t>(8 * c), 8, 0).conversion =
-        mdftest::formula(columns[c].formula);
+    cg.add_channel(std::string(1, static_cast<char>('a' + c)), static_cast<uint16_t>(8 * c), 8, 0)
+        .conversion = mdftest::formula(columns[c].formula);
   }
   for (uint8_t x = 0; x < 6; ++x) {
     auto& rec = cg.add_record();

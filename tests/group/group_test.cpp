@@ -62,7 +62,7 @@ mdftest::FileModel interleaved(uint16_t ids) {
   const size_t counts[] = {5, 3, 4};
   for (size_t c = 0; c < 3; ++c) {
     auto& cg = dg.add_channel_group(static_cast<uint16_t>(sizes[c]), static_cast<uint16_t>(c + 1));
-    cg.add_channel("v" + std::to_string(c), 0, 8, 0);
+    cg.add_channel(std::string(1, static_cast<char>('a' + c)), 0, 8, 0);
     for (size_t k = 0; k < counts[c]; ++k) cg.records.push_back(record_bytes(c, k, sizes[c]));
   }
   dg.order = {0, 1, 0, 2, 2, 1, 0, 0, 2, 1, 2, 0};
