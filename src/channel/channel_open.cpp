@@ -127,9 +127,10 @@ int16_t create_channel(channelnode** out, mdf_group* g, uint16_t type, uint16_t 
                        uint16_t value_type, const char* name) {
   value_type = normalise_value_type(value_type, bits);
   if (name == nullptr || name[0] == '\0') return internal_error(kUnit, 340);
-  // A group open for rewriting records writes its channel group back at close, but never
-  // new channel blocks: a grown record size there would no longer match the records.
-  if (g->mode == 1) return raise(MDF_ERR_OPEN_MODE, "");
+  // A channel group of a file open for modifying is written back by the close of a group
+  // open in mode 1, but new channel blocks never are: a grown record size would no longer
+  // match the records.
+  if (g->mode == 1 || g->file->mode == 1) return raise(MDF_ERR_OPEN_MODE, "");
   if (int16_t st = check_bits(value_type, &bits); st != 0) return st;
 
   // The new value goes behind every value of the group. A small field shares the last byte
@@ -185,6 +186,11 @@ int16_t create_channel(channelnode** out, mdf_group* g, uint16_t type, uint16_t 
     remove_channel(ch);
     free_channel(ch);
     return st;
+  }
+  // Other handles on the same channel group get room for the grown record too (if that
+  // fails, their record views stay within what they hold).
+  for (mdf_group* other = state().open_groups; other != nullptr; other = other->next) {
+    if (other != g && other->cg == g->cg) refresh_record_layout(other);
   }
   if (type == MDF_CHN_TIME) {
     g->time_channel = cn;
@@ -354,7 +360,10 @@ KORVEL_API int16_t mdfChnClose(channelnode* channel) {
     if (channel == nullptr) return 0;
     if (!is_channel(channel)) return bad_channel();
     if (sticky_error() == 0) {
-      if (int16_t st = write_step(channel); st != 0) return st;
+      // After the last record the step stores it and finds no record to move on to (1):
+      // the record is in the file, so the close goes on.
+      const int16_t st = write_step(channel);
+      if (st != 0 && st != MDF_END_OF_GROUP) return st;
     }
     remove_channel(channel);
     return free_channel(channel);

@@ -68,6 +68,8 @@ int16_t attach_rule(channelnode* ch, uint16_t type, uint16_t entries, const char
              cc::kUnitLength);
   set_link(ch->cn, cn::kConversion, 0, cc);
   ch->cc = cc;
+  // The group converts its time with the time channel's rule.
+  if (ch->group->time_channel == ch->cn) ch->group->time_conversion = cc;
   *out = cc;
   return 0;
 }

@@ -1,6 +1,7 @@
 // Group handles: one channel group of an open file with the record buffer and its cursor.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 
@@ -42,8 +43,11 @@ inline uint8_t* record_data(mdf_group* g) {
 uint16_t record_size(const mdf_group* g);
 uint16_t record_ids(const mdf_group* g);
 uint32_t record_count(const mdf_group* g);
+// The record data, never more than the buffer holds (a record grown through another handle
+// on the same channel group reaches this one at its next seek).
 inline std::span<uint8_t> record_span(mdf_group* g) {
-  return {record_data(g), record_size(g)};
+  const uint32_t room = g->buffer_capacity - kRecordDataOffset - kBufferExtra;
+  return {record_data(g), std::min<uint32_t>(record_size(g), room)};
 }
 
 // Makes room for a grown record size, keeping the record's bytes.

@@ -100,6 +100,7 @@ void unlink_group(mdf_group* g) {
 
 void free_group(mdf_group* g) {
   if (g->buffer != nullptr) mdfFree(g->buffer);
+  g->tag = 0;  // a stale handle is refused, not used
   mdfFree(g);
 }
 
@@ -118,6 +119,8 @@ Node* group_of_record_id(mdf_group* g, uint8_t id) {
 // next record of this channel group, skipping records of other channel groups. Nothing is
 // read beyond the end of the file.
 int16_t read_record(mdf_group* g, bool scan_only) {
+  // Another handle on the same channel group may have grown its record.
+  if (int16_t st = refresh_record_layout(g); st != 0) return st;
   const uint16_t number = g->file->io_number;
   const int64_t file_size = io::known_size(number);
   const uint16_t ids = record_ids(g);
@@ -152,7 +155,21 @@ int16_t read_record(mdf_group* g, bool scan_only) {
   }
 }
 
+int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode);
+
+// Moves the cursor; a failed read puts it back where it was.
 int16_t seek_record(mdf_group* g, int32_t position, uint16_t mode) {
+  const uint32_t index = g->record_index;
+  const uint64_t at = g->record_position;
+  const int16_t st = move_cursor(g, position, mode);
+  if (st < 0) {
+    g->record_index = index;
+    g->record_position = at;
+  }
+  return st;
+}
+
+int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
   uint32_t target;
   if (mode == MDF_SEEK_REL) {
     if (position < 0 && static_cast<uint32_t>(-static_cast<int64_t>(position)) > g->record_index) {
@@ -194,6 +211,10 @@ int16_t seek_record(mdf_group* g, int32_t position, uint16_t mode) {
 
 int16_t write_record(mdf_group* g) {
   if (g->mode == 0) return raise(MDF_ERR_OPEN_MODE, "");
+  // Without a current record the cursor points at whatever follows the data (in a file this
+  // library wrote, the group's own blocks): nothing is written there.
+  if (g->record_index >= record_count(g)) return MDF_END_OF_GROUP;
+  if (int16_t st = refresh_record_layout(g); st != 0) return st;
   const uint16_t number = g->file->io_number;
   const uint16_t ids = record_ids(g);
   const uint32_t size = record_size(g);
@@ -229,7 +250,7 @@ int16_t append_record(mdf_group* g) {
 void scan_channels(mdf_group* g) {
   for (Node* cn = resolve_link(g->file->tree, g->cg, cg::kFirstCn); cn != nullptr;
        cn = resolve_link(g->file->tree, cn, cn::kNext)) {
-    ++g->channel_count;
+    if (g->channel_count < 0xFFFF) ++g->channel_count;
     if (load_le16(cn->image + cn::kType) == 1) g->time_channel = cn;
   }
   if (g->time_channel != nullptr) {
@@ -275,10 +296,19 @@ int16_t open_created(mdf_group** out, mdf_file* file, uint16_t n) {
   if (io::seek(number, 0, io::kToEnd) != 0) return raise(MDF_ERR_SEEK, "");
   const int64_t end = io::tell(number);
   if (end > 0xFFFFFFFFLL) return raise(MDF_ERR_FILE_TOO_LARGE, "");
+  // Everything that can fail comes before the header is touched, so a failed create leaves
+  // the file's list of data groups as it was.
+  mdf_group* g = nullptr;
+  if (int16_t st = new_group(&g); st != 0) return st;
   Node* cg = nullptr;
   Node* dg = nullptr;
-  if (int16_t st = new_block(file, kCG, &cg); st != 0) return st;
-  if (int16_t st = new_block(file, kDG, &dg); st != 0) return st;
+  int16_t st = allocate_buffer(g, 1);
+  if (st == 0) st = new_block(file, kCG, &cg);
+  if (st == 0) st = new_block(file, kDG, &dg);
+  if (st != 0) {
+    free_group(g);
+    return st;
+  }
   store_le16(cg->image + cg::kRecordId, 1);
   Node* hd = file->header;
   set_link(dg, dg::kFirstCg, 0, cg);
@@ -291,17 +321,11 @@ int16_t open_created(mdf_group** out, mdf_file* file, uint16_t n) {
              static_cast<uint16_t>(load_le16(hd->image + hd::kDgCount) + 1));
   set_link(hd, hd::kFirstDg, 0, dg);
   if (file->group_count < 0xFFFF) ++file->group_count;
-  mdf_group* g = nullptr;
-  if (int16_t st = new_group(&g); st != 0) return st;
   g->file = file;
   g->mode = 2;
   g->number = n;
   g->dg = dg;
   g->cg = cg;
-  if (int16_t st = allocate_buffer(g, 1); st != 0) {
-    free_group(g);
-    return st;
-  }
   g->record_position = static_cast<uint64_t>(end);
   append_group(g);
   *out = g;
@@ -372,14 +396,23 @@ int16_t write_modified_group(mdf_group* g) {
 
 int16_t close_group(mdf_group* g) {
   g_channel_cache = ChannelCache{};
+  // Every channel of the group goes, even one whose last record could not be stored: a
+  // channel must never outlive its group.
+  int16_t channel_status = 0;
   channelnode* ch = state().open_channels;
   while (ch != nullptr) {
     channelnode* next = ch->next;
     if (ch->group == g) {
-      if (int16_t st = mdfChnClose(ch); st != 0 && sticky_error() == 0) return st;
+      const int16_t st = mdfChnClose(ch);
+      if (st != 0) {
+        if (channel_status == 0) channel_status = st;
+        remove_channel(ch);
+        free_channel(ch);
+      }
     }
     ch = next;
   }
+  if (channel_status != 0 && sticky_error() == 0) return channel_status;
   if (sticky_error() == 0 && (g->mode == 1 || g->mode == 2)) {
     if (io::seek(g->file->io_number, 0, io::kToEnd) != 0) return raise(MDF_ERR_SEEK, "");
     const int16_t st = g->mode == 2 ? write_created_group(g) : write_modified_group(g);
@@ -428,12 +461,12 @@ int16_t delete_group(mdf_file* file, uint16_t n) {
   } else {
     set_link(dg, dg::kFirstCg, 0, after_cg);
   }
-  const uint16_t left = static_cast<uint16_t>(load_le16(dg->image + dg::kCgCount) - 1);
-  store_le16(dg->image + dg::kCgCount, left);
+  const uint16_t count = load_le16(dg->image + dg::kCgCount);
+  store_le16(dg->image + dg::kCgCount, static_cast<uint16_t>(count > 0 ? count - 1 : 0));
   if (int16_t st = set_links_from_nodes(file, dg); st != 0) return st;
   if (int16_t st = write_block_in_place(file, dg); st != 0) return st;
   if (file->group_count > 0) --file->group_count;
-  if (left != 0 && resolve_link(file->tree, dg, dg::kFirstCg) != nullptr) return 0;
+  if (resolve_link(file->tree, dg, dg::kFirstCg) != nullptr) return 0;
   // The data group is empty: take it out of the header's list. Its records stay where they
   // are; nothing is compacted.
   Node* hd = file->header;
@@ -445,8 +478,8 @@ int16_t delete_group(mdf_file* file, uint16_t n) {
   } else {
     set_link(hd, hd::kFirstDg, 0, after_dg);
   }
-  store_le16(hd->image + hd::kDgCount,
-             static_cast<uint16_t>(load_le16(hd->image + hd::kDgCount) - 1));
+  const uint16_t groups = load_le16(hd->image + hd::kDgCount);
+  store_le16(hd->image + hd::kDgCount, static_cast<uint16_t>(groups > 0 ? groups - 1 : 0));
   if (int16_t st = set_link_from_node(file, hd, hd::kFirstDg); st != 0) return st;
   return write_block_in_place(file, hd);
 }

@@ -108,7 +108,8 @@ KORVEL_API int16_t mdfGrpChnOpenName(channelnode** channel, mdf_group** group, m
     // A created group has no channels to find yet.
     if (mode == MDF_OPEN_CREATE) return internal_error(kUnit, 120);
     if (channel == nullptr || group == nullptr) return internal_error(kUnit, 121);
-    if (name == nullptr || name[0] == '\0') return internal_error(kUnit, 122);
+    if (name == nullptr) return internal_error(kUnit, 122);
+    if (name[0] == '\0') return MDF_CHN_NOT_FOUND;  // no channel has an empty name to match
     return open_at(channel, group, file, place_of_name(file, name), mode);
   });
 }

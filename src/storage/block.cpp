@@ -215,6 +215,8 @@ int16_t FileReader::run() {
 }
 
 int16_t FileReader::read_data_group(Node* dg) {
+  // Records carry no, one or two identifier bytes; any other count cannot be laid out.
+  if (load_le16(dg->image + dg::kRecordIds) > 2) return MDF_ERR_FORMAT;
   Node* tr = nullptr;
   bool fresh = false;
   if (int16_t st = read_link(dg, dg::kTrigger, kTR, &tr, &fresh); st != 0) return st;
@@ -513,6 +515,9 @@ int16_t read_block(mdf_file* file, uint32_t link, uint16_t expected, Node** out,
   if (static_cast<int64_t>(link) + size > file_size || size < minimum_size(kind)) {
     return MDF_ERR_FORMAT;
   }
+  // Blocks of a sound file do not overlap, so together they are no larger than the file;
+  // blocks laid over each other would let a small file claim any amount of memory.
+  if (static_cast<int64_t>(file->tree.loaded_bytes() + size) > file_size) return MDF_ERR_FORMAT;
   if (expected != 0 && kind != expected) return raise(MDF_ERR_FORMAT, "");
   // The number of link fields of CC and CD blocks depends on their contents, so the image
   // is read first and the node made with its link records afterwards.
@@ -535,6 +540,7 @@ int16_t read_block(mdf_file* file, uint32_t link, uint16_t expected, Node** out,
   Node* node = file->tree.add(kind, size + image_extra(kind), link, fields.data(), count);
   if (node == nullptr) return raise(MDF_ERR_NO_MEMORY, "");
   std::memcpy(node->image, scratch.data(), size);
+  file->tree.count_loaded(size);
   if (kind == kCC) store_f64(node->image + size + 8, 1.0);
   NodeTree::register_links(node);
   *out = node;
@@ -557,6 +563,9 @@ int16_t write_block_in_place(mdf_file* file, Node* node) {
   const uint16_t number = file->io_number;
   const int64_t current = io::tell(number);
   const uint32_t target = disk_position(node);
+  // Only the identification block lives at 0; any other block without a place on disk
+  // must be appended, never written over the file's start.
+  if (target == 0 && node->kind != kId) return internal_error("MDF3", 558);
   if (int16_t st = io::seek(number, target, 0); st != 0) return st;
   node->written_position = target;
   const uint32_t size = node->kind == kId ? id::kSize : node->block_size();

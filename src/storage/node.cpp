@@ -228,6 +228,7 @@ void release_file_record(mdf_file* file) {
     return;
   }
   unlink_file(file);
+  file->tag = 0;  // a stale handle is refused, not used
   file->~mdf_file();
   mdfFree(file);
 }

@@ -75,11 +75,15 @@ class NodeTree {
   static LinkRecord* find_link(Node* owner, uint32_t field);
 
   std::size_t size() const { return nodes_.size(); }
+  // Bytes of the blocks read from the file, as counted by the reader.
+  uint64_t loaded_bytes() const { return loaded_bytes_; }
+  void count_loaded(uint32_t bytes) { loaded_bytes_ += bytes; }
   const std::vector<Node*>& nodes() const { return nodes_; }
 
  private:
   std::vector<Node*> nodes_;                         // every node, for release
   std::unordered_map<uint32_t, Node*> by_position_;  // nodes read from the file
+  uint64_t loaded_bytes_ = 0;
 };
 
 // Resolves the link at `field` of `owner`: the target block's node, or null (link 0, or a

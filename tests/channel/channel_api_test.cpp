@@ -507,7 +507,7 @@ TEST_F(ChannelApi, OpenersFindChannelsByIndexNameTypeOrTimeAndReportMisses) {
       {file_index, 0, 5, "", 0, kName32, 5},   {file_index, 0, 7, "", 0, "t3", 3},
       {file_index, 0, 10, "", k4, "", 0},      {file_index, 0, 0, "", k4, "", 0},
       {file_name, 0, 0, "SPEED", 0, "speed", 5}, {file_name, 0, 0, "d", 0, "d", 3},
-      {file_name, 0, 0, "t3", k4, "", 0},
+      {file_name, 0, 0, "t3", k4, "", 0},      {file_name, 0, 0, "", k4, "", 0},
   };
   // clang-format on
   for (const auto& [op, group, n, name, status, found, group_channels] : cases) {
@@ -754,11 +754,18 @@ TEST_F(ChannelApi, StepsGoOnPast65535Calls) {
 TEST_F(ChannelApi, CreatingInAModifiedGroupIsRefusedAndLeavesTheFile) {
   const auto file = write(ten_records());
   const auto before = mdftest::load_file(file);
-  Ch ch = nullptr;
-  EXPECT_EQ(mdfChnCreate(&ch, open(file, MDF_OPEN_MODIFY), 0, 32, MDF_DT_UINT, "extra"),
-            MDF_ERR_OPEN_MODE);
-  EXPECT_EQ(ch, nullptr);
-  mdfClose();
+  // Through a group open for modifying, and through one open for reading in the same file
+  // (whose channel group a modifying handle would write back).
+  for (uint16_t mode : {uint16_t{MDF_OPEN_MODIFY}, uint16_t{MDF_OPEN_READ}}) {
+    Ch ch = nullptr;
+    mdf_group* g = nullptr;
+    ASSERT_EQ(mdfFileOpen(&f_, file.c_str(), MDF_OPEN_MODIFY), 0);
+    ASSERT_EQ(mdfGrpOpen(&g, f_, 1, mode), 0);
+    EXPECT_EQ(mdfChnCreate(&ch, g, 0, 32, MDF_DT_UINT, "extra"), MDF_ERR_OPEN_MODE);
+    EXPECT_EQ(ch, nullptr);
+    mdfClose();
+    mdfOpen(nullptr);
+  }
   EXPECT_EQ(mdftest::load_file(file), before) << "the sticky error keeps the closes from writing";
 }
 

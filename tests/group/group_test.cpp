@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "frame/frame.h"
 #include "korvel.h"
 #include "support/mdf_builder.h"
 #include "support/mdf_reader.h"
@@ -492,6 +493,69 @@ TEST_F(GroupApi, CloseWritesTheBlocksOfACreatedGroupInOrder) {
   EXPECT_EQ(cg.record_count, 0u);  // one appended record is written as count 0
   EXPECT_EQ(r.bytes[dg.data_link], 1);
   EXPECT_EQ(r.bytes[dg.data_link + 1], 7);
+}
+
+}  // namespace
+
+namespace {
+
+// Writing stays within the records, closing never leaves a channel behind, and a grown record
+// reaches every handle on its channel group.
+TEST_F(GroupApi, RecordsAreWrittenOnlyWhereThereAreRecords) {
+  mdftest::FileModel f;
+  auto& dg = f.add_data_group();
+  auto& full = dg.add_channel_group(2);
+  full.add_channel("v", 0, 16, 0);
+  for (int k = 0; k < 3; ++k) full.add_record();
+  f.add_data_group().add_channel_group(2).add_channel("empty", 0, 16, 0);
+  const auto in = write(mdftest::build(f));
+  const auto before = mdftest::load_file(in);
+  mdf_file* file = open(in, MDF_OPEN_MODIFY);
+  mdf_group* g = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&g, file, 2, MDF_OPEN_MODIFY), 0);
+  EXPECT_EQ(mdfGrpWrite(g), MDF_END_OF_GROUP);  // an empty group has no record to write
+  ASSERT_EQ(mdfGrpClose(g), 0);
+  // One Write per record up to the last: the close stores the last record and finds no
+  // record to move on to, which ends neither the channel nor the group.
+  ASSERT_EQ(mdfGrpOpen(&g, file, 1, MDF_OPEN_MODIFY), 0);
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfChnOpen(&ch, g, 1), 0);
+  for (uint64_t v : {11, 22, 33}) ASSERT_EQ(mdfChnWriteHexInt(ch, v), 0);
+  ASSERT_EQ(mdfGrpClose(g), 0);
+  EXPECT_EQ(korvel::state().open_channels, nullptr);  // the channel went with its group
+  mdfClose();
+  mdfOpen(nullptr);
+  const auto r = mdftest::read_file(in);
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  const auto& records = r.data_groups[0].channel_groups[0].records;
+  for (size_t k = 0; k < 3; ++k) EXPECT_EQ(mdftest::get_bits(records[k], 0, 16), 11 * (k + 1));
+  // Besides the records only the header and the two channel groups were rewritten in place.
+  EXPECT_EQ(r.bytes.size(), before.size());
+}
+
+TEST_F(GroupApi, AGrownRecordReachesEveryHandleOnItsChannelGroup) {
+  const auto p = (dir_ / "grow.mdf").string();
+  mdf_file* file = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_CREATE), 0);
+  mdf_group* made = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&made, file, 1, MDF_OPEN_CREATE), 0);
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfChnCreate(&ch, made, 0, 8, MDF_DT_UINT, "small"), 0);
+  for (int k = 0; k < 2; ++k) ASSERT_EQ(mdfGrpWriteAppend(made), 0);
+  ASSERT_EQ(mdfGrpClose(made), 0);
+  mdf_group *a = nullptr, *b = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&a, file, 1, 0), 0);
+  ASSERT_EQ(mdfGrpOpen(&b, file, 1, 0), 0);
+  ASSERT_EQ(mdfChnCreate(&ch, a, 0, 64, MDF_DT_UINT, "wide"), 0);  // in memory only
+  uint8_t* data = nullptr;
+  EXPECT_EQ(mdfGrpBuffer(&data, b), 9 + 24);
+  channelnode* through_b = nullptr;
+  ASSERT_EQ(mdfChnOpenName(&through_b, b, "wide"), 0);
+  ASSERT_EQ(mdfChnSetHexInt(through_b, 0x0102030405060708u), 0);  // bytes 1..8 of b's record
+  uint64_t back = 0;
+  EXPECT_EQ(mdfChnGetHexInt(&back, through_b, 0), 0);
+  EXPECT_EQ(back, 0x0102030405060708u);
+  EXPECT_EQ(mdfGrpSeek(b, 0, MDF_SEEK_ABS), 0);
 }
 
 }  // namespace

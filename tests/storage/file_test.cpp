@@ -365,6 +365,23 @@ TEST_F(FileApi, HostileFilesAreRefused) {
          b.patch_u32(cns[0].offset + off::cn_conversion, cns[1].offset);
        },
        -2004, true},
+      {"three record identifiers", none,
+       [](Built& b) { b.patch_u16(b.data_groups[0].offset + off::dg_record_ids, 3); }, -2004,
+       false},
+      {"blocks laid over each other",
+       [](auto& f) {
+         auto& cns = f.data_groups[0].channel_groups[0].channels;
+         // A long comment whose text holds the head of another long text block.
+         std::string text(30000, 'x');
+         text.replace(100, 4, std::string("TX\x00\x20", 4));  // 8192 bytes, inside the file
+         cns[0].comment = text;
+         cns[1].comment = "placeholder";
+       },
+       [](Built& b) {
+         const auto& cns = b.data_groups[0].channel_groups[0].channels;
+         b.patch_u32(cns[1].offset + off::cn_comment, cns[0].comment + 4 + 100);
+       },
+       -2004, false},
       {"absurd range-table count",
        [](auto& f) {
          f.data_groups[0].channel_groups[0].channels[0].conversion =
