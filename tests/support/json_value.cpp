@@ -60,7 +60,8 @@ class Parser {
         std::string key = string_literal();
         skip_blanks();
         expect(':');
-        v.object.emplace_back(std::move(key), value());
+        v.names.push_back(std::move(key));
+        v.members.push_back(value());
         skip_blanks();
         if (peek() == ',') {
           ++pos_;
@@ -239,8 +240,8 @@ class Parser {
 
 const Value* Value::find(std::string_view key) const {
   if (type != Type::object) return nullptr;
-  for (const auto& [k, v] : object) {
-    if (k == key) return &v;
+  for (size_t i = 0; i < names.size(); ++i) {
+    if (names[i] == key) return &members[i];
   }
   return nullptr;
 }

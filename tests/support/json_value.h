@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace mdftest::json {
@@ -26,7 +25,10 @@ struct Value {
   uint64_t magnitude = 0;  // its absolute value
   std::string string;
   std::vector<Value> array;
-  std::vector<std::pair<std::string, Value>> object;  // in file order
+  // Object members in file order: names and values side by side (a pair holding the
+  // still-incomplete Value would not compile everywhere).
+  std::vector<std::string> names;
+  std::vector<Value> members;
 
   bool is_null() const { return type == Type::null; }
   // The member of an object; throws std::out_of_range when absent or not an object.
