@@ -273,7 +273,8 @@ int16_t duplicate_channel(channelnode** out, mdf_group* target, channelnode* sou
 ChannelMatch find_channel_by_name(mdf_file* file, Node* cg, const char* name) {
   for (bool ignore_case : {false, true}) {
     uint16_t index = 0;
-    for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr;
+    // Channels beyond the 16-bit index range cannot be opened by index, so none is matched.
+    for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr && index < 0xFFFF;
          cn = resolve_link(file->tree, cn, cn::kNext)) {
       ++index;
       if (load_le16(cn->image + cn::kType) == MDF_CHN_TIME) continue;

@@ -40,7 +40,7 @@ ChannelPlace place_of_channel(mdf_file* file, uint32_t n) {
   uint32_t seen = 0;
   for_each_channel_group(file, [&](Node* cg, uint32_t number) {
     uint16_t index = 0;
-    for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr;
+    for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr && index < 0xFFFF;
          cn = resolve_link(file->tree, cn, cn::kNext)) {
       ++index;
       if (++seen == n) {
