@@ -359,6 +359,7 @@ void FileReader::convert_trigger(Node* tr) {
 }  // namespace
 
 uint32_t image_extra(uint16_t kind) {
+  if (kind == kCE) return ce::kExtra;
   return kind == kTX ? 1u : kind == kCC ? cc::kExtra : 0u;
 }
 

@@ -14,7 +14,8 @@ uint16_t link_fields(uint16_t kind, const uint8_t* image, uint32_t size, uint32_
                      uint16_t capacity);
 
 // Bytes an image of this kind holds beyond its block: a TX image ends with a spare zero,
-// a CC image carries offset and factor of the verbal range table.
+// a CC image carries offset and factor of the verbal range table, a CE image zeros enough
+// for a whole module record behind offset 6 whatever the stored size.
 uint32_t image_extra(uint16_t kind);
 
 // A new block of `kind` (0 for the identification block) with its default size and

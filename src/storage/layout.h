@@ -157,12 +157,16 @@ constexpr uint32_t param_bytes_per_entry(uint16_t type) {
 }
 }  // namespace cc
 
-// Extension block "CE", 128 bytes when made: type, then the module record.
+// Extension block "CE", 128 bytes when made: type, then the module record. The record is
+// 128 bytes long, so its last 6 bytes lie beyond a block of the made size and never reach the
+// file. In memory every CE image carries 128 zero bytes beyond its block, so the whole record
+// can be read behind offset 6 whatever size the block was stored with.
 namespace ce {
 constexpr uint32_t kSize = 128;
 constexpr uint32_t kType = 4;    // u16
 constexpr uint32_t kRecord = 6;  // module record, record offset r at block offset 6 + r
 constexpr uint32_t kRecordSize = 128;
+constexpr uint32_t kExtra = kRecordSize;
 }  // namespace ce
 
 // Dependency block "CD", 20 bytes when made (one dependency).
