@@ -568,12 +568,20 @@ KORVEL_API int16_t mdfChnSetFormTab(channelnode* channel, uint16_t type, const c
  * Module information (extension blocks)
  * ------------------------------------------------------------------------------------- */
 
-/* Attaches a new extension block of `type` holding the 128-byte record. -1003, -2007. */
+/* Links a new extension block of `type` holding the record to the channel (an earlier one
+ * stays in the file, unlinked). Closing the group writes it in a created group and in a file
+ * open for modifying. The block holds the record's first 122 bytes, which every layout keeps
+ * to; a null record stores zeros. 0; -1003, -2007. */
 KORVEL_API int16_t mdfChnSetModuleInfo(channelnode* channel, uint16_t type, const ce_info* info);
-/* Type (65535 first) and record of the channel's extension block. 1009 if none; -1003. */
+/* Type and record of the channel's extension block; each out may be null. The type is set to
+ * 65535 and the record to null first. The record points into the block (128 readable bytes,
+ * zeros beyond the stored block). 0; 1009 (raised) when the channel has none; -1003. */
 KORVEL_API int16_t mdfChnGetModuleInfo(channelnode* channel, uint16_t* type, const ce_info** info);
+/* mdfChnGetModuleInfo without the record. */
 KORVEL_API int16_t mdfChnGetModuleType(channelnode* channel, uint16_t* type);
-/* Typed setters, one per module type; texts are cut to their field widths. */
+/* Typed setters, one per module type, arguments in the order of the record's members (the
+ * analog layout stores (a, b, c, d) as b, d, c, a); texts are cut to their field widths,
+ * without a terminator when they fill them; null texts are empty. 0; -1003, -2007. */
 KORVEL_API int16_t mdfChnSetGenInfo(channelnode* channel, const char* text);
 KORVEL_API int16_t mdfChnSetAimInfo(channelnode* channel, uint16_t a, uint16_t b, double c,
                                     uint64_t d);
@@ -612,8 +620,11 @@ KORVEL_API int16_t mdfChnSetSscInfo(channelnode* channel, uint16_t module, uint3
                                     const char* description, const char* ecuId);
 KORVEL_API int16_t mdfChnSetQcnInfo(channelnode* channel, uint32_t messageId, uint32_t channelIndex,
                                     const char* messageName, const char* senderName);
-/* Typed getters; 1009 when there is no extension block or its type is not the getter's.
- * Texts point into the block image. */
+/* Typed getters, the outs in the order of the setters' arguments (each may be null); texts
+ * point into the record and run on into the next field when they fill theirs. Types taken:
+ * Gen 0, 16, 17 (hands out the record); Aim 1, 14; Dim 2, 7, 9, 12, 13; Can 3, 15; Acan 6;
+ * Smb 4, 5, 8, 10, 11; Qcn 19. Type 18 is read by none. 0; 1009 (raised, outs untouched)
+ * when there is no extension block or its type is not the getter's; -1003. */
 KORVEL_API int16_t mdfChnGetGenInfo(channelnode* channel, const ce_info** info);
 KORVEL_API int16_t mdfChnGetAimInfo(channelnode* channel, uint16_t* a, uint16_t* b, double* c,
                                     uint64_t* d);

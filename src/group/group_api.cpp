@@ -5,6 +5,7 @@
 #include <new>
 
 #include "channel/channel_node.h"
+#include "channel/module_info.h"
 #include "frame/api.h"
 #include "frame/bytes.h"
 #include "frame/frame.h"
@@ -413,6 +414,11 @@ int16_t close_group(mdf_group* g) {
     ch = next;
   }
   if (channel_status != 0 && sticky_error() == 0) return channel_status;
+  // Module blocks set on channels of a file open for modifying reach the file with the group,
+  // whatever mode the group is open in.
+  if (sticky_error() == 0 && g->file->mode == 1) {
+    if (int16_t st = write_new_module_blocks(g->file, g->cg); st != 0) return st;
+  }
   if (sticky_error() == 0 && (g->mode == 1 || g->mode == 2)) {
     if (io::seek(g->file->io_number, 0, io::kToEnd) != 0) return raise(MDF_ERR_SEEK, "");
     const int16_t st = g->mode == 2 ? write_created_group(g) : write_modified_group(g);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -13,10 +14,37 @@
 namespace korvel_fuzz {
 
 namespace {
+// Reads a channel's module record through the generic and the typed getters, touching every
+// byte and text handed out.
+void read_module_info(channelnode* ch) {
+  uint16_t type = 0;
+  const ce_info* info = nullptr;
+  if (mdfChnGetModuleInfo(ch, &type, &info) != 0 || info == nullptr) return;
+  volatile size_t sum = 0;
+  for (uint8_t b : info->bytes) sum = sum + b;
+  const char* t[2] = {};
+  auto touch = [&] {
+    for (const char*& s : t) {
+      if (s != nullptr) sum = sum + std::strlen(s);
+      s = nullptr;
+    }
+  };
+  mdfChnGetDimInfo(ch, nullptr, nullptr, &t[0], &t[1]);
+  touch();
+  mdfChnGetAcanInfo(ch, nullptr, nullptr, &t[0], &t[1], nullptr, nullptr);
+  touch();
+  mdfChnGetCanInfo(ch, nullptr, nullptr, &t[0], &t[1], nullptr);
+  touch();
+  mdfChnGetSmbInfo(ch, &t[0], nullptr, nullptr);
+  touch();
+  mdfChnGetQcnInfo(ch, nullptr, nullptr, &t[0], &t[1]);
+  touch();
+}
+
 const std::string& scratch_path() {
-  static const std::string path =
-      (std::filesystem::temp_directory_path() / ("korvel_fuzz_" + std::to_string(::getpid()) + ".mdf"))
-          .string();
+  static const std::string path = (std::filesystem::temp_directory_path() /
+                                   ("korvel_fuzz_" + std::to_string(::getpid()) + ".mdf"))
+                                      .string();
   return path;
 }
 }  // namespace
@@ -57,6 +85,7 @@ void open_file(const uint8_t* data, size_t size) {
           if (mdfChnReadPhy(&value, ch) != 0) break;
         }
         for (uint16_t i = 0; i < 3; ++i) mdfChnGetFormVTabText(ch, i, &text);
+        read_module_info(ch);
         mdfChnClose(ch);
       }
       mdfGrpClose(group);
