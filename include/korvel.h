@@ -426,12 +426,14 @@ KORVEL_API int16_t mdfGrpGetText(mdf_group* group, const char** text);
 /* Sets the group comment (written at close); "" removes it. -1002, -2007. */
 KORVEL_API int16_t mdfGrpSetText(mdf_group* group, const char* text);
 /* Trigger information of the group's data group: comment (NULL if none), event count and
- * the events (24-byte records of trigger, pre- and post-trigger time as doubles). 1006 if
- * none; -1002. */
+ * the events (24-byte records of trigger, pre- and post-trigger time as doubles; all
+ * `count` of them can be read, events a damaged block lacks read as zeros). 1006 if none;
+ * -1002. */
 KORVEL_API int16_t mdfGrpGetTrigger(mdf_group* group, const char** comment, uint16_t* count,
                                     const void** events);
-/* Sets the trigger information: a comment and `count` events of three doubles each.
- * -1002, -2007. */
+/* Sets the trigger information (written when a created group is closed): a comment (NULL
+ * or "" for none) and `count` events of three doubles each. -1002, -2004 (more than 2729
+ * events), -2007. */
 KORVEL_API int16_t mdfGrpSetTrigger(mdf_group* group, const char* comment, uint16_t count,
                                     const double* events);
 

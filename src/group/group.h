@@ -68,4 +68,12 @@ int16_t group_seek(mdf_group* g, int32_t position, uint16_t mode);
 int16_t group_write(mdf_group* g);
 int16_t group_append(mdf_group* g);
 
+// Time of the current record and the time search behind mdfGrpGetTime, mdfGrpSetTime and
+// mdfGrpSeekTime (no sticky check, no last status), and the number of records the time
+// searches have read so far (for measurements).
+int16_t group_get_time(mdf_group* g, double* time);
+int16_t group_set_time(mdf_group* g, double time);
+int16_t group_seek_time(mdf_group* g, double time, uint16_t mode);
+uint64_t time_search_probes();
+
 }  // namespace korvel

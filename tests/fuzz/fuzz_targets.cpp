@@ -67,6 +67,18 @@ void open_file(const uint8_t* data, size_t size) {
       if (mdfGrpOpen(&group, file, n, MDF_OPEN_READ) != 0) break;
       uint16_t channels = 0;
       mdfGrpChannels(&channels, group);
+      const char* comment = nullptr;
+      uint16_t events = 0;
+      const void* event_records = nullptr;
+      mdfGrpGetText(group, &comment);
+      if (mdfGrpGetTrigger(group, &comment, &events, &event_records) == 0 && events != 0) {
+        std::vector<uint8_t> copy(24u * events);  // every counted event must be readable
+        std::memcpy(copy.data(), event_records, copy.size());
+      }
+      double time = 0;
+      if (mdfGrpGetTime(&time, group) != MDF_NO_TIME_CHANNEL) {
+        for (int mode : {0, 1, 4, 21}) mdfGrpSeekTime(group, 0.5, static_cast<uint16_t>(mode));
+      }
       for (uint16_t c = 1; c <= channels && c <= 32; ++c) {
         channelnode* ch = nullptr;
         if (mdfChnOpen(&ch, group, c) != 0) break;

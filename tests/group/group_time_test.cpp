@@ -1,0 +1,248 @@
+// Group time, comment and trigger functions through the C interface.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "korvel.h"
+#include "support/mdf_builder.h"
+#include "support/mdf_reader.h"
+#include "support/scratch.h"
+
+namespace {
+
+const double kTimes[] = {0.0, 0.5, 1.0, 2.0, 2.0, 4.0};
+
+class GroupTime : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    reset();
+    dir_ = mdftest::scratch_dir("korvel_group_time");
+  }
+  void TearDown() override {
+    mdfClose();
+    std::filesystem::remove_all(dir_);
+  }
+  static void reset() {
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+  }
+  std::string path() const { return (dir_ / "in.mdf").string(); }
+  // Opens group 1 of the file at path(), written from `f` unless it is null.
+  mdf_group* open(const mdftest::FileModel* f, uint16_t mode = MDF_OPEN_READ) {
+    if (f != nullptr) mdftest::write_file(path(), mdftest::build(*f).bytes);
+    mdf_file* file = nullptr;
+    mdf_group* g = nullptr;
+    EXPECT_EQ(mdfFileOpen(&file, path().c_str(), mode), 0);
+    EXPECT_EQ(mdfGrpOpen(&g, file, 1, mode), 0);
+    return g;
+  }
+  static uint32_t tell(mdf_group* g) {
+    uint32_t at = 99;
+    mdfGrpTell(&at, g);
+    return at;
+  }
+  std::filesystem::path dir_;
+};
+
+// A channel group whose time channel (double) holds kTimes; with `unsorted` its records
+// interleave with those of a second channel group.
+mdftest::FileModel timed(bool unsorted) {
+  mdftest::FileModel f;
+  auto& dg = f.add_data_group(unsorted ? 1 : 0);
+  for (uint16_t c = 1; c <= (unsorted ? 2 : 1); ++c) {
+    auto& cg = dg.add_channel_group(8, c);
+    cg.add_channel("t", 0, 64, 3, MDF_CHN_TIME);
+    for (double t : kTimes) mdftest::put_f64(cg.add_record(), 0, c == 1 ? t : -5.0);
+  }
+  return f;
+}
+
+TEST_F(GroupTime, SeekTimeTable) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  constexpr double R = MDF_SEEK_REL;
+  // {unsorted, start record, time, mode, status, record}
+  // clang-format off
+  const double cases[][6] = {
+      // Between records, every mode; nearest at equal distance takes the later record.
+      {0, 0, 0.75, 0, 0, 2}, {0, 0, 0.75, 1, 2, 1}, {0, 0, 0.75, 2, 0, 1}, {0, 0, 0.75, 3, 0, 1},
+      {0, 0, 0.75, 4, 0, 2}, {0, 0, 0.75, 5, 0, 2}, {0, 0, 0.75, 6, 0, 1}, {0, 0, 0.75, 7, 0, 1},
+      {0, 0, 2.9, 0, 0, 4}, {0, 0, 3.0, 0, 0, 5}, {0, 0, 3.0, 3, 0, 4},
+      // Exact times; before the first or after the last record.
+      {0, 0, 0.5, 0, 0, 1}, {0, 0, 0.5, 1, 0, 1}, {0, 0, 0.5, 2, 0, 0}, {0, 0, 0.5, 4, 0, 2},
+      {0, 5, 2.0, 4, 0, 5}, {0, 0, 4.0, 4, 1, 5}, {0, 2, 0.0, 2, 1, 0},
+      {0, 0, -1.0, 0, 1, 0}, {0, 3, -1.0, 5, 1, 0}, {0, 0, -1.0, 1, 1, 0},
+      {0, 0, 9.0, 0, 0, 5}, {0, 0, 9.0, 3, 0, 5}, {0, 0, 9.0, 4, 2, 5}, {0, 0, 9.0, 5, 2, 5},
+      {0, 0, 9.0, 1, 2, 5},
+      // Bounded by the current record: from 1 the first 2.0 is found, from 0 the second.
+      {0, 1, 2.0, 0, 0, 3}, {0, 0, 2.0, 0, 0, 4},
+      // Relative; a relative 0 returns at once (a search would find record 3). NaN is exact.
+      {0, 2, 1.0, R + 5, 0, 3}, {0, 3, -1.25, R, 0, 2}, {0, 4, 0.0, R + 1, 0, 4},
+      {0, 0, nan, 1, 0, 2}, {0, 0, nan, 4, 0, 3},
+      // Unsorted: the first record at or after the time, whatever the low bits say.
+      {1, 0, 0.75, 0, 0, 2}, {1, 0, 0.75, 1, 0, 2}, {1, 0, 0.5, 2, 0, 1}, {1, 0, -1.0, 4, 0, 0},
+      {1, 0, 9.0, 0, 1, 5}, {1, 4, 0.75, 3, 0, 2}, {1, 2, 1.0, R, 0, 3}, {1, 4, 0.0, R, 0, 4},
+      {1, 3, 2.0, 1, 0, 3}, {1, 2, nan, 0, 0, 2},
+  };
+  // clang-format on
+  for (bool unsorted : {false, true}) {
+    const auto f = timed(unsorted);
+    mdf_group* g = open(&f);
+    for (const auto& [u, start, time, mode, status, at] : cases) {
+      if ((u != 0) != unsorted) continue;
+      SCOPED_TRACE(testing::Message() << u << " " << start << " " << time << " " << mode);
+      ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(start), MDF_SEEK_ABS), 0);
+      EXPECT_EQ(mdfGrpSeekTime(g, time, static_cast<uint16_t>(mode)), status);
+      double t = -1;
+      EXPECT_EQ(mdfGrpGetTime(&t, g), 0);
+      EXPECT_EQ(t, kTimes[tell(g)]);
+      EXPECT_EQ(tell(g), at);
+    }
+    EXPECT_EQ(mdfGetErrorCode(), 0);
+    reset();
+  }
+}
+
+// Raw 0..3 through a linear rule with an offset (10, 10.5, 11, 11.5) and an interpolating
+// table (0, 10, 15, 20): seeking a time between records, and storing a time as raw value.
+TEST_F(GroupTime, TimeThroughTheRuleBothWays) {
+  using Case = std::tuple<mdftest::ConversionPtr, double, uint32_t, double, uint32_t>;
+  for (const auto& [rule, seek, nearest, set, raw] :
+       {Case{mdftest::linear(10.0, 0.5), 11.2, 2, 11.5, 3},
+        Case{mdftest::table(true, {{0, 0}, {1, 10}, {3, 20}}), 12.0, 1, 15.0, 2}}) {
+    mdftest::FileModel f;
+    auto& cg = f.add_data_group().add_channel_group(4);
+    cg.add_channel("t", 0, 32, 0, MDF_CHN_TIME).conversion = rule;
+    for (uint32_t k = 0; k < 4; ++k) mdftest::put_bits(cg.add_record(), 0, 32, k);
+    mdf_group* g = open(&f);
+    // At record 0 the current time counts as 0.0, so seeking 0.0 returns at once.
+    EXPECT_EQ(mdfGrpSeekTime(g, 0.0, MDF_SEEK_TIME_EXACT), 0);
+    EXPECT_EQ(mdfGrpSeekTime(g, seek, MDF_SEEK_TIME_NEAREST), 0);
+    EXPECT_EQ(tell(g), nearest);
+    EXPECT_EQ(mdfGrpSetTime(g, set), 0);
+    uint8_t* data = nullptr;
+    mdfGrpBuffer(&data, g);
+    EXPECT_EQ(mdftest::get_bits({data, 4}, 0, 32), raw);
+    reset();
+  }
+}
+
+// A created group with times, comment and trigger; then the same file modified: times reach
+// the file through appends and writes, texts and triggers at close, and replaced blocks stay.
+TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
+  mdf_file* file = nullptr;
+  mdf_group* g = nullptr;
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfFileOpen(&file, path().c_str(), MDF_OPEN_CREATE), 0);
+  ASSERT_EQ(mdfGrpOpen(&g, file, 1, MDF_OPEN_CREATE), 0);
+  ASSERT_EQ(mdfChnCreate(&ch, g, MDF_CHN_TIME, 16, MDF_DT_UINT, "time"), 0);
+  ASSERT_EQ(mdfChnSetFormLin(ch, "s", 1.0, 0.25), 0);
+  for (int k = 0; k < 5; ++k) {  // raw 0, 3, 6, 9, 12; written as four records
+    ASSERT_EQ(mdfGrpSetTime(g, 1.0 + 0.25 * (k * 3)), 0);
+    ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+  }
+  const double events[] = {1.5, 0.25, 0.75, 3.0, 0.5, 1.0};
+  for (const char* text : {"replaced", "group note", static_cast<const char*>(nullptr)}) {
+    ASSERT_EQ(mdfGrpSetText(g, text), 0);
+  }
+  ASSERT_EQ(mdfGrpSetTrigger(g, "replaced", 1, events), 0);
+  ASSERT_EQ(mdfGrpSetTrigger(g, "trigger note", 2, events), 0);
+  ASSERT_EQ(mdfFileClose(file), 0);
+
+  const auto r = mdftest::read_file(path());
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  const auto& dg = r.data_groups.at(0);
+  const auto& cg = dg.channel_groups.at(0);
+  const auto& tr = dg.trigger.value();
+  EXPECT_EQ(cg.comment, "group note");
+  EXPECT_EQ(tr.comment, "trigger note");
+  EXPECT_EQ(tr.events, (std::vector<mdftest::TriggerEvent>{{1.5, 0.25, 0.75}, {3.0, 0.5, 1.0}}));
+  EXPECT_EQ(tr.block_size, 2 * 24 + 34);  // with one spare event entry, zero
+  EXPECT_EQ(std::count(&r.bytes.at(tr.offset + 58), &r.bytes.at(tr.offset + 81) + 1, 0), 24);
+  // Only the blocks in use were written: CG comment, CG, TR comment, TR, DG, end of file.
+  const uint32_t order[] = {cg.comment_link, cg.offset, tr.comment_link, tr.offset, dg.offset};
+  for (size_t k = 0; k + 1 < std::size(order); ++k) {
+    EXPECT_EQ(order[k] + r.blocks.at(order[k]).size, order[k + 1]);
+  }
+  EXPECT_EQ(dg.offset + 28u, r.bytes.size());
+
+  g = open(nullptr, MDF_OPEN_MODIFY);
+  ASSERT_EQ(mdfGrpSeekTime(g, 2.5, MDF_SEEK_TIME_EXACT), 0);  // raw 6
+  ASSERT_EQ(tell(g), 2u);
+  ASSERT_EQ(mdfGrpSetTime(g, 3.0), 0);  // raw 8, in memory only
+  EXPECT_EQ(mdftest::load_file(path()).at(dg.data_link + 2 * 3 + 1), 6);
+  ASSERT_EQ(mdfGrpWrite(g), 0);
+  ASSERT_EQ(mdfGrpSetText(g, ""), 0);
+  reset();
+  const auto r2 = mdftest::read_file(path());
+  ASSERT_TRUE(r2.ok()) << r2.error_text();
+  const auto& modified = r2.data_groups.at(0).channel_groups.at(0);
+  EXPECT_EQ(modified.comment, std::nullopt);
+  EXPECT_EQ(mdftest::raw_block(r2.bytes, cg.comment_link)->bytes,
+            mdftest::raw_block(r.bytes, cg.comment_link)->bytes);
+  const uint64_t raw[] = {0, 3, 8, 9};
+  for (size_t k = 0; k < 4; ++k)
+    EXPECT_EQ(mdftest::get_bits(modified.records.at(k), 0, 16), raw[k]);
+}
+
+// Trigger blocks read from files: zero events, and a count larger than the block holds.
+TEST_F(GroupTime, TriggersReadFromFiles) {
+  for (int count_in_block : {0, 1, 400}) {
+    const auto n = static_cast<uint16_t>(count_in_block);
+    auto f = timed(false);
+    f.data_groups[0].trigger = mdftest::Trigger{"note", {}, n, {}};
+    if (n != 0) f.data_groups[0].trigger->events.push_back({1, 2, 3});
+    const char* comment = nullptr;
+    uint16_t count = 99;
+    const void* events = nullptr;
+    EXPECT_EQ(mdfGrpGetTrigger(open(&f), &comment, &count, &events), 0);
+    EXPECT_EQ(count, n);
+    EXPECT_STREQ(comment, "note");
+    ASSERT_NE(events, nullptr);
+    // Every counted event can be read; those the block lacks read as zeros.
+    std::vector<double> all(3u * n);
+    if (n != 0) std::memcpy(all.data(), events, all.size() * sizeof(double));
+    for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i < 3 ? double(i + 1) : 0.0) << i;
+    reset();
+  }
+}
+
+TEST_F(GroupTime, RefusalsAndBadHandles) {
+  mdftest::FileModel f;
+  f.add_data_group().add_channel_group(1).add_channel("v", 0, 8, 0);
+  mdf_group* g = open(&f);
+  double t = 7;
+  EXPECT_EQ(mdfGrpGetTime(&t, g), MDF_NO_TIME_CHANNEL);
+  EXPECT_EQ(t, 0.0);
+  EXPECT_EQ(mdfGrpSetTime(g, 1.0), MDF_NO_TIME_CHANNEL);
+  const char* comment = "x";
+  uint16_t count = 9;
+  const void* events = &count;
+  EXPECT_EQ(mdfGrpGetTrigger(g, &comment, &count, &events), MDF_NO_TRIGGER);
+  EXPECT_TRUE(comment == nullptr && count == 0 && events == nullptr);
+  EXPECT_EQ(mdfGetErrorCode(), 0);                      // positive: not sticky
+  EXPECT_EQ(mdfGrpSeekTime(g, 1.0, 0), MDF_ERR_FATAL);  // a time search needs a time channel
+  // A bad handle is sticky: every call starts afresh.
+  uint32_t junk[16] = {};
+  const std::function<int16_t(mdf_group*)> calls[] = {
+      [&](mdf_group* x) { return mdfGrpGetTime(&t, x); },
+      [](mdf_group* x) { return mdfGrpSetTime(x, 0); },
+      [](mdf_group* x) { return mdfGrpSeekTime(x, 0, 0); },
+      [](mdf_group* x) { return mdfGrpGetText(x, nullptr); },
+      [](mdf_group* x) { return mdfGrpSetText(x, "x"); },
+      [](mdf_group* x) { return mdfGrpGetTrigger(x, nullptr, nullptr, nullptr); },
+      [](mdf_group* x) { return mdfGrpSetTrigger(x, "x", 0, nullptr); }};
+  for (const auto& call : calls) {
+    reset();
+    EXPECT_EQ(call(reinterpret_cast<mdf_group*>(junk)), MDF_ERR_BAD_GROUP);
+  }
+}
+
+}  // namespace
