@@ -1,9 +1,8 @@
 #include "fuzz/fuzz_targets.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -13,9 +12,11 @@
 namespace korvel_fuzz {
 
 namespace {
+// One file per process, so that replays running side by side never share it.
 const std::string& scratch_path() {
   static const std::string path =
-      (std::filesystem::temp_directory_path() / ("korvel_fuzz_" + std::to_string(::getpid()) + ".mdf"))
+      (std::filesystem::temp_directory_path() /
+       ("korvel_fuzz_" + std::to_string(std::random_device{}()) + ".mdf"))
           .string();
   return path;
 }
