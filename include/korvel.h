@@ -23,9 +23,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* On Windows the functions come from korvel.dll. Define KORVEL_STATIC before including this
+ * header when the library's objects are linked into the program itself. */
 #if defined(_WIN32)
 #if defined(KORVEL_BUILDING)
 #define KORVEL_API __declspec(dllexport)
+#elif defined(KORVEL_STATIC)
+#define KORVEL_API
 #else
 #define KORVEL_API __declspec(dllimport)
 #endif
@@ -675,16 +679,16 @@ KORVEL_API int16_t mdfDump(const char* name, uint32_t hex);
 } /* extern "C" */
 #endif
 
-#if defined(__cplusplus)
+#if defined(__cplusplus) && __cplusplus >= 201103L
 static_assert(sizeof(ce_info) == 128, "module record is 128 bytes");
 static_assert(sizeof(MdfSortParams) == 56, "sort parameters are 56 bytes");
 static_assert(offsetof(MdfSortParams, flags) == 52, "sort flags at offset 52");
-#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#elif !defined(__cplusplus) && defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 _Static_assert(sizeof(ce_info) == 128, "module record is 128 bytes");
 _Static_assert(sizeof(MdfSortParams) == 56, "sort parameters are 56 bytes");
 _Static_assert(offsetof(MdfSortParams, flags) == 52, "sort flags at offset 52");
 #else
-/* C99: a negative array size fails the build if a layout is off. */
+/* C99 and C++98: a negative array size fails the build if a layout is off. */
 typedef char korvel_check_ce_info[(sizeof(ce_info) == 128) ? 1 : -1];
 typedef char korvel_check_sort_size[(sizeof(MdfSortParams) == 56) ? 1 : -1];
 typedef char korvel_check_sort_flags[(offsetof(MdfSortParams, flags) == 52) ? 1 : -1];

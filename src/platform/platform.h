@@ -1,9 +1,8 @@
 // The operating-system services the library uses, behind one small interface.
 //
 // Everything above this layer is portable C++; everything system-specific lives in one
-// implementation file per system (platform_posix.cpp now). No system header is included
-// here, so a second implementation can be added beside the first without changes
-// elsewhere.
+// implementation file per system (platform_posix.cpp, platform_win32.cpp), each compiled
+// only on its own system. No system header is included here.
 //
 // Files are identified by integer descriptors with 64-bit positions. Functions that move
 // data move whole counts: a transfer that stops short (end of file, full disk, error)
@@ -63,7 +62,12 @@ void yield_processor();
 bool make_temp_file(const char* directory, const char* prefix, char* out, std::size_t size);
 
 bool remove_file(const char* name);
+// Gives `from` the name `to` with the C runtime's rename; whether an existing `to` is
+// replaced differs between systems (POSIX replaces it, Windows refuses).
 bool rename_file(const char* from, const char* to);
+// Puts `from` in the place of `to` in one step, replacing an existing `to`: at every moment
+// `to` is either the old file or the new one. Both names must lie on one volume.
+bool replace_file(const char* from, const char* to);
 
 // ---- Descriptor files ------------------------------------------------------------------------
 

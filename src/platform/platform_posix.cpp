@@ -180,6 +180,11 @@ bool rename_file(const char* from, const char* to) {
   return std::rename(from, to) == 0;
 }
 
+bool replace_file(const char* from, const char* to) {
+  count_call();
+  return ::rename(from, to) == 0;  // atomic, and replaces an existing target
+}
+
 // ---- Descriptor files ------------------------------------------------------------------------
 
 int open_file(const char* name, OpenMode mode) {

@@ -14,8 +14,9 @@
 
 namespace {
 
+// The log is a text file: read as one, the platform's line end arrives as "\n".
 std::string read_log() {
-  std::ifstream in("KORVEL.LOG", std::ios::binary);
+  std::ifstream in("KORVEL.LOG");
   std::stringstream s;
   s << in.rdbuf();
   return s.str();
@@ -209,7 +210,7 @@ TEST_F(Frame, CoreLeftIsClamped) {
 TEST_F(Frame, ModulePathIsFilledAtLoadAndByLibMain) {
   const std::string at_load = korvel::module_path();
   EXPECT_FALSE(at_load.empty());
-  EXPECT_EQ(at_load.front(), '/');
+  EXPECT_TRUE(std::filesystem::path(at_load).is_absolute()) << at_load;
   std::memset(korvel::module_path(), 'x', 255);
   EXPECT_EQ(LibMain(nullptr, 1, 1, nullptr), 1);
   EXPECT_EQ(std::string(korvel::module_path()), at_load);

@@ -1,10 +1,9 @@
 #include "fuzz/fuzz_targets.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -41,10 +40,12 @@ void read_module_info(channelnode* ch) {
   touch();
 }
 
+// One file per process, so that replays running side by side never share it.
 const std::string& scratch_path() {
-  static const std::string path = (std::filesystem::temp_directory_path() /
-                                   ("korvel_fuzz_" + std::to_string(::getpid()) + ".mdf"))
-                                      .string();
+  static const std::string path =
+      (std::filesystem::temp_directory_path() /
+       ("korvel_fuzz_" + std::to_string(std::random_device{}()) + ".mdf"))
+          .string();
   return path;
 }
 }  // namespace

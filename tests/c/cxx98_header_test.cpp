@@ -1,0 +1,2 @@
+// The public header compiles as C++98 (the build of this file is the test).
+#include "korvel.h"
