@@ -141,6 +141,9 @@ void export_group(const Options& o, mdf_file* file, const Plan& p, Output& out,
     }
     out.put('\n');
   }
+  if (values.hollow())
+    failures.push_back(o.file + ": group " + std::to_string(p.group) +
+                       ": records of 0 bytes, none read");
   for (std::size_t i = 0; i < columns; ++i)
     if (int16_t st = values.failure(i); st != 0)
       failures.push_back(o.file + ": group " + std::to_string(p.group) + ", channel " +

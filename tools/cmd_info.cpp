@@ -75,12 +75,15 @@ void read_group(FileReport& r, mdf_file* file, uint16_t number, bool scan) {
   gr.record_size = mdfGrpBuffer(&data, g) - 24;
   const std::vector<ChannelInfo> channels = open_channels(g, r.file);
   GroupValues values(g, r.file);
-  gr.records = values.records();
+  check(mdfGrpRecords(&gr.records, g), r.file);
+  if (values.hollow())
+    r.value_failures.push_back(r.file + ": group " + std::to_string(number) + ": " +
+                               std::to_string(gr.records) + " records of 0 bytes, none read");
   for (const ChannelInfo& c : channels) {
     values.add(c, false);
     gr.channels.push_back({c, {}, {}, {}, {}});
   }
-  const uint32_t n = gr.records;
+  const uint32_t n = values.records();
   for (uint32_t k = 0; k < n; k = scan || k + 1 == n ? k + 1 : n - 1) {
     if (interrupted) throw Interrupted{};
     values.seek(k);

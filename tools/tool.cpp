@@ -102,6 +102,7 @@ volatile std::sig_atomic_t interrupted = 0;
 
 void catch_interrupt() {
   std::signal(SIGINT, [](int) { interrupted = 1; });
+  std::signal(SIGTERM, [](int) { interrupted = 1; });
 #ifdef SIGPIPE
   // A reader that stops early (korvel export FILE | head) makes writes fail instead of
   // killing the program before it removes its temporary directory.

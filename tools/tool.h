@@ -110,9 +110,10 @@ class Session {
 
 // ---- Ctrl-C -----------------------------------------------------------------------------------
 
-// Set by SIGINT once the handler is installed; long loops stop and the program exits with 130.
+// Set by SIGINT or SIGTERM once the handler is installed; long loops stop and the program exits
+// with 130.
 extern volatile std::sig_atomic_t interrupted;
-// Installs the SIGINT handler, and makes writes to a closed pipe fail rather than kill.
+// Installs the handler, and makes writes to a closed pipe fail rather than kill.
 void catch_interrupt();
 // Thrown by loops that saw the interrupt.
 struct Interrupted {};

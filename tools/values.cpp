@@ -56,6 +56,8 @@ bool is_signed(uint16_t data_type) {
 
 GroupValues::GroupValues(mdf_group* group, const std::string& file) : group_(group), file_(file) {
   check(mdfGrpRecords(&records_, group), file);
+  uint8_t* data = nullptr;
+  hollow_ = records_ > 0 && mdfGrpBuffer(&data, group) <= 24;
 }
 
 std::size_t GroupValues::add(const ChannelInfo& info, bool raw) {
@@ -93,8 +95,17 @@ void GroupValues::load_table(Column& c) {
     check(st, file_);
     return static_cast<const unsigned char*>(entries);
   }();
-  if (count == nullptr || bytes == nullptr) return;
-  for (uint16_t i = 0; i < *count; ++i) {
+  uint16_t n = 0;
+  if (count != nullptr) std::memcpy(&n, count, sizeof n);
+  // The count is the block's own and is not checked against the block's size; one larger than
+  // any block can hold is damage, and then the values are shown as numbers. A smaller wrong
+  // count can still make these reads pass the block's end (the interface gives no block size).
+  const unsigned stride = c.info.rule == MDF_CC_FRM_VTAB ? 40 : 20;
+  if (bytes == nullptr || n > (65535u - 46u) / stride) {
+    c.table = false;
+    return;
+  }
+  for (uint16_t i = 0; i < n; ++i) {
     TableEntry e{};
     if (c.info.rule == MDF_CC_FRM_VTAB) {
       std::memcpy(&e.low, bytes + 40u * i, 8);

@@ -47,7 +47,10 @@ class GroupValues {
   GroupValues(mdf_group* group, const std::string& file);
   // Adds a channel of the group as the next column; returns its index.
   std::size_t add(const ChannelInfo& channel, bool raw);
-  uint32_t records() const { return records_; }
+  // The records to read: none when records of 0 bytes are declared (a damaged channel group
+  // may claim billions of them, each read without touching the file); hollow() tells.
+  uint32_t records() const { return hollow_ ? 0 : records_; }
+  bool hollow() const { return hollow_; }
   // Makes record `index` the current record; cheap for the next record in order. A failure
   // of the library throws LibraryError.
   void seek(uint32_t index);
@@ -81,6 +84,7 @@ class GroupValues {
   mdf_group* group_;
   std::string file_;
   uint32_t records_ = 0;
+  bool hollow_ = false;
   int64_t current_ = -1;
   std::vector<Column> columns_;
 };

@@ -86,6 +86,12 @@ TEST_F(Program, ExitCodesAndMessages) {
   std::copy_n("UnFinMF ", 8, unfinished.begin());
   mdftest::write_file(dir / "unfinished.mdf", unfinished);
   std::ofstream(dir / "bad.mdf") << std::string(100, 'x');
+  // Billions of records of 0 bytes: each would be read without touching the file.
+  mdftest::FileModel hollow;
+  auto& cg = hollow.add_data_group().add_channel_group(0);
+  cg.add_channel("x", 0, 8, 0);
+  cg.record_count = 4000000000u;
+  mdftest::write_file(dir / "hollow.mdf", mdftest::build(hollow).bytes);
   const struct {
     const char* args;
     int code;
@@ -108,6 +114,7 @@ TEST_F(Program, ExitCodesAndMessages) {
        "korvel: missing.mdf: could not open file (1000)\n[KORVEL-ERROR] could not open file"},
       {"info bad.mdf run42.mdf", 1, false, "korvel: bad.mdf: file format (-2004)\n"},
       {"info unfinished.mdf", 1, false, "the file is unfinished"},
+      {"export hollow.mdf", 1, false, "group 1: records of 0 bytes, none read"},
   };
   for (const auto& c : cases) {
     const Outcome r = korvel(c.args);
