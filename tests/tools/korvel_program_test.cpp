@@ -1,0 +1,355 @@
+// The korvel program run as a user runs it, in a scratch directory: exit codes and messages,
+// refusal to replace files, `info --json` against what the C interface reports, and `export`
+// against the descriptions of the sample files.
+#include <gtest/gtest.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "korvel.h"
+#include "support/mdf_builder.h"
+#include "support/scratch.h"
+
+#if !defined(_WIN32)
+#include <sys/wait.h>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using Rows = std::vector<std::vector<std::string>>;
+
+struct Outcome {
+  int code;
+  std::string out, err;
+};
+
+std::string slurp(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+Rows parse_csv(const std::string& text) {
+  Rows rows(1, std::vector<std::string>(1));
+  bool quoted = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') {
+      rows.back().back() += c, ++i;
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (!quoted && c == ',') {
+      rows.back().emplace_back();
+    } else if (!quoted && c == '\n') {
+      rows.emplace_back(1);
+    } else {
+      rows.back().back() += c;
+    }
+  }
+  rows.pop_back();  // after the last line end
+  return rows;
+}
+
+class Program : public ::testing::Test {
+ protected:
+  fs::path dir = mdftest::scratch_dir("korvel_program");
+
+  Outcome korvel(const std::string& args) {
+    const std::string command = "cd \"" + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " + args +
+                                " >stdout.txt 2>stderr.txt";
+    int code = std::system(command.c_str());
+#if !defined(_WIN32)
+    code = WIFEXITED(code) ? WEXITSTATUS(code) : -1;
+#endif
+    return {code, slurp(dir / "stdout.txt"), slurp(dir / "stderr.txt")};
+  }
+  // A copy of a sample, so that nothing can change the original.
+  void copy_sample(const std::string& name) {
+    fs::copy_file(fs::path(KORVEL_SAMPLES_DIR) / name, dir / name);
+  }
+  // The library's log goes to a private directory, never to the user's.
+  void TearDown() override {
+    EXPECT_FALSE(fs::exists(dir / "KORVEL.LOG"));
+  }
+};
+
+TEST_F(Program, ExitCodesAndMessages) {
+  ASSERT_EQ(korvel("demo run42.mdf").code, 0);
+  auto unfinished = mdftest::load_file(dir / "run42.mdf");
+  std::copy_n("UnFinMF ", 8, unfinished.begin());
+  mdftest::write_file(dir / "unfinished.mdf", unfinished);
+  std::ofstream(dir / "bad.mdf") << std::string(100, 'x');
+  // Billions of records of 0 bytes: each would be read without touching the file.
+  mdftest::FileModel hollow;
+  auto& cg = hollow.add_data_group().add_channel_group(0);
+  cg.add_channel("x", 0, 8, 0);
+  cg.record_count = 4000000000u;
+  mdftest::write_file(dir / "hollow.mdf", mdftest::build(hollow).bytes);
+  const struct {
+    const char* args;
+    int code;
+    bool on_stdout;
+    const char* text;
+  } cases[] = {
+      {"--help", 0, true, "Subcommands:"},
+      {"-h", 0, true, "Usage: korvel"},
+      {"help export", 0, true, "run.1.csv"},
+      {"info --help", 0, true, "--no-scan"},
+      {"--version", 0, true, "MDF format up to 3.30"},
+      {"status -1004", 0, true, "-1004: illegal group open mode"},
+      {"", 2, false, "usage: korvel info"},
+      {"bogus", 2, false, "usage: korvel info"},
+      {"info", 2, false, "usage: korvel info [--json] [--no-scan] FILE...\n"},
+      {"status 70000", 2, false, "usage: korvel status CODE\n"},
+      {"export run42.mdf --group 3", 2, false, "korvel: run42.mdf: no group 3 (the file has 2)"},
+      {"export run42.mdf --channel nothing", 2, false, "no channel nothing"},
+      {"info missing.mdf", 1, false,
+       "korvel: missing.mdf: could not open file (1000)\n[KORVEL-ERROR] could not open file"},
+      {"info bad.mdf run42.mdf", 1, false, "korvel: bad.mdf: file format (-2004)\n"},
+      {"info unfinished.mdf", 1, false, "the file is unfinished"},
+      {"export hollow.mdf", 1, false, "group 1: records of 0 bytes, none read"},
+  };
+  for (const auto& c : cases) {
+    const Outcome r = korvel(c.args);
+    EXPECT_EQ(r.code, c.code) << c.args;
+    EXPECT_NE((c.on_stdout ? r.out : r.err).find(c.text), std::string::npos) << c.args << "\n"
+                                                                             << r.out << r.err;
+    if (c.code == 0) {
+      EXPECT_EQ(r.err, "") << c.args;
+    }
+  }
+  // The good file after the bad one is still shown.
+  EXPECT_NE(korvel("info bad.mdf run42.mdf").out.find("group 2: 100 records"), std::string::npos);
+}
+
+TEST_F(Program, RefusesToReplaceFiles) {
+  std::ofstream(dir / "run42.mdf") << "a recording";
+  Outcome r = korvel("demo run42.mdf");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.err, "korvel: run42.mdf: exists (--force replaces it)\n");
+  EXPECT_EQ(slurp(dir / "run42.mdf"), "a recording");
+
+  r = korvel("demo --force run42.mdf");
+  ASSERT_EQ(r.code, 0) << r.err;
+  // Groups in the order a reader finds them: the fast group first.
+  EXPECT_LT(r.out.find("group 1: 1000 records"), r.out.find("group 2: 100 records"));
+  const std::string written = slurp(dir / "run42.mdf");
+  EXPECT_EQ(korvel("export run42.mdf --group 1 -o run42.mdf --force").code, 2);
+  EXPECT_EQ(slurp(dir / "run42.mdf"), written);
+  EXPECT_EQ(korvel("export run42.mdf -o out.csv").code, 0);
+  EXPECT_EQ(korvel("export run42.mdf -o out.csv").code, 1);
+  EXPECT_EQ(korvel("export run42.mdf -o out.csv --force").code, 0);
+  std::vector<std::string> files;
+  for (const auto& e : fs::directory_iterator(dir)) files.push_back(e.path().filename().string());
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (std::vector<std::string>{"out.1.csv", "out.2.csv", "run42.mdf", "stderr.txt",
+                                             "stdout.txt"}));
+}
+
+TEST_F(Program, ExportChoosesGroupChannelsAndTimeRange) {
+  ASSERT_EQ(korvel("demo run42.mdf").code, 0);
+  Outcome r = korvel(
+      "export run42.mdf --group 2 --channel battery --channel "
+      "vehicle_speed_from_wheel_sensors --from 1 --to 2");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const Rows rows = parse_csv(r.out);
+  ASSERT_EQ(rows.size(), 12u);  // 1.0, 1.1, ... 2.0 s
+  EXPECT_EQ(rows[0], (std::vector<std::string>{"time [s]", "battery [V]", "speed [km/h]"}));
+  EXPECT_EQ(rows[1], (std::vector<std::string>{"1", "12.56", "20"}));
+  EXPECT_EQ(rows[11], (std::vector<std::string>{"2", "12.52", "40"}));
+  // Raw values of the time in milliseconds, the same time range; all groups on standard output.
+  r = korvel("export run42.mdf --raw --from 0.9975 --to 0.9995");
+  EXPECT_EQ(r.out,
+            "time,sine,counter,temperature,state\n998,-126,230,88.70761108398438,3\n"
+            "999,-63,231,88.7127685546875,3\n\ntime,battery,flags,speed\n");
+}
+
+// A file made by the test-side builder: texts that need quoting, a range table whose default
+// text is a scaling annotation, and a Latin-1 unit.
+TEST_F(Program, ExportQuotesTextsAndScalesRangeTables) {
+  mdftest::FileModel f;
+  auto& cg = f.add_data_group().add_channel_group(10);
+  cg.add_channel("time", 0, 16, 0, 1).conversion = mdftest::linear(0, 0.5, "s");
+  cg.add_channel("mode", 16, 8, 0).conversion = mdftest::range_table(
+      {{0, 0, "{LINEAR_CONV \"2*{X}+1\"}"}, {1, 2, "low"}, {3, 3, "say \"hi\""}},
+      "\xB0"
+      "C");
+  cg.add_channel("note", 24, 48, 7);
+  const char* notes[] = {"a,b", "plain", "x\"y"};
+  for (uint8_t i = 0; i < 4; ++i) {
+    auto& rec = cg.add_record();
+    mdftest::put_bits(rec, 0, 16, i);
+    mdftest::put_bits(rec, 16, 8, i + 2u);
+    const std::string note = notes[i % 3];
+    mdftest::put_raw(rec, 3, std::span(reinterpret_cast<const uint8_t*>(note.data()), note.size()));
+  }
+  mdftest::write_file(dir / "made.mdf", mdftest::build(f).bytes);
+  Outcome r = korvel("export made.mdf");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "time [s],mode [\xB0"
+            "C],note\n0,low,\"a,b\"\n0.5,\"say \"\"hi\"\"\",plain\n"
+            "1,9,\"x\"\"y\"\n1.5,11,\"a,b\"\n");
+  r = korvel("info --json made.mdf");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const json mode = json::parse(r.out)[0]["groups"][0]["channels"][1];
+  EXPECT_EQ(mode["unit"],
+            "\xC2\xB0"
+            "C");
+  EXPECT_EQ(mode["first"], "low");
+  EXPECT_EQ(std::make_tuple(mode["min"], mode["max"]), std::make_tuple(json(5.0), json(11.0)));
+}
+
+// ---- Against the C interface and the sample descriptions ------------------------------------
+
+std::vector<std::string> samples() {
+  std::vector<std::string> names;
+  for (const auto& e : fs::directory_iterator(KORVEL_SAMPLES_DIR))
+    if (e.path().extension() == ".mdf") names.push_back(e.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string field(const char* text, std::size_t width) {
+  return std::string(text, std::find(text, text + width, '\0'));
+}
+
+// One channel of the JSON of `info` against the library: properties, and the first, last,
+// smallest and largest physical value of its numeric records.
+void expect_channel(const json& j, mdf_group* g, channelnode* ch, uint32_t records) {
+  uint16_t type = 0, bits = 0, data_type = 0, rule = 0;
+  const char *name = nullptr, *unit = nullptr;
+  ASSERT_EQ(mdfChnGetInfo(ch, &type, &bits, &data_type, &name, nullptr, nullptr), 0);
+  const bool has_rule = mdfChnGetForm(ch, &rule, &unit, nullptr) == 0;
+  SCOPED_TRACE(field(name, 32));
+  EXPECT_EQ(j["name"], field(name, 32));
+  EXPECT_EQ(j["kind"], type == MDF_CHN_TIME ? "time" : "data");
+  EXPECT_EQ(std::make_tuple(j["data_type"], j["bits"]),
+            std::make_tuple(json(data_type), json(bits)));
+  EXPECT_EQ(j["conversion"], has_rule ? json(rule) : json(nullptr));
+  EXPECT_EQ(j["unit"], has_rule ? field(unit, 20) : "");
+  if (data_type == MDF_DT_STRING || data_type == MDF_DT_BYTES) {
+    EXPECT_TRUE(j["min"].is_null() && j["max"].is_null());
+    return;
+  }
+  std::vector<double> v(records);
+  for (uint32_t k = 0; k < records; ++k) {
+    ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
+    ASSERT_EQ(mdfChnGetPhy(&v[k], ch, 0), 0);
+  }
+  EXPECT_EQ(j["min"], *std::min_element(v.begin(), v.end()));
+  EXPECT_EQ(j["max"], *std::max_element(v.begin(), v.end()));
+  if (!has_rule || (rule != MDF_CC_FRM_VTAB && rule != MDF_CC_FRM_VTABR)) {
+    EXPECT_EQ(j["first"].get<double>(), v.front());
+    EXPECT_EQ(j["last"].get<double>(), v.back());
+  }
+}
+
+TEST_F(Program, InfoJsonMatchesTheLibrary) {
+  ASSERT_EQ(korvel("demo run42.mdf").code, 0);
+  std::vector<std::string> files = samples();
+  for (const auto& s : files) copy_sample(s);
+  files.push_back("run42.mdf");
+  std::string args = "info --json";
+  for (const auto& s : files) args += " " + s;
+  const Outcome r = korvel(args);
+  ASSERT_EQ(r.code, 0) << r.err;
+  const json all = json::parse(r.out);
+  ASSERT_EQ(all.size(), files.size());
+  ASSERT_EQ(mdfOpen("TEST"), 0);
+  for (std::size_t f = 0; f < files.size(); ++f) {
+    SCOPED_TRACE(files[f]);
+    const json& j = all[f];
+    mdf_file* file = nullptr;
+    ASSERT_EQ(mdfFileOpen(&file, (dir / files[f]).string().c_str(), MDF_OPEN_READ), 0);
+    const char *author = nullptr, *project = nullptr, *comment = nullptr;
+    mdfFileGetInfo(file, nullptr, nullptr, &comment, &author, nullptr, &project, nullptr);
+    EXPECT_EQ(std::make_tuple(j["file"], j["sorted"], j["finalized"]),
+              std::make_tuple(json(files[f]), json(mdfFileIsSort(file) == 0), json(true)));
+    EXPECT_EQ(
+        std::make_tuple(j["header"]["author"], j["header"]["project"], j["header"]["comment"]),
+        std::make_tuple(json(field(author, 32)), json(field(project, 32)), json(comment)));
+    uint16_t groups = 0;
+    mdfFileGroups(&groups, file);
+    ASSERT_EQ(j["groups"].size(), groups);
+    for (uint16_t n = 1; n <= groups; ++n) {
+      const json& jg = j["groups"][n - 1];
+      mdf_group* g = nullptr;
+      ASSERT_EQ(mdfGrpOpen(&g, file, n, MDF_OPEN_READ), 0);
+      uint32_t records = 0;
+      uint16_t channels = 0;
+      uint8_t* data = nullptr;
+      mdfGrpRecords(&records, g);
+      mdfGrpChannels(&channels, g);
+      EXPECT_EQ(std::make_tuple(jg["number"], jg["records"], jg["record_size"]),
+                std::make_tuple(json(n), json(records), json(mdfGrpBuffer(&data, g) - 24)));
+      ASSERT_EQ(jg["channels"].size(), channels);
+      for (uint16_t i = 1; i <= channels; ++i) {
+        channelnode* ch = nullptr;
+        ASSERT_EQ(mdfChnOpen(&ch, g, i), 0);
+        expect_channel(jg["channels"][i - 1], g, ch, records);
+      }
+      mdfGrpClose(g);
+    }
+    mdfFileClose(file);
+  }
+  mdfClose();
+}
+
+// A CSV cell against a value of a description: texts exactly, integers as written, other
+// numbers as the same double.
+void expect_cell(const std::string& cell, const json& want, const std::string& where) {
+  if (want.is_string() || want.is_number_integer()) {
+    EXPECT_EQ(cell, want.is_string() ? want.get<std::string>() : want.dump()) << where;
+  } else {
+    double got = 0;
+    std::from_chars(cell.data(), cell.data() + cell.size(), got);
+    EXPECT_EQ(got, want.get<double>()) << where << ": " << cell;
+  }
+}
+
+TEST_F(Program, ExportMatchesTheSampleDescriptions) {
+  for (const std::string& sample : samples()) {
+    SCOPED_TRACE(sample);
+    copy_sample(sample);
+    const std::string stem = fs::path(sample).stem().string();
+    const json d = json::parse(slurp(fs::path(KORVEL_SAMPLES_DIR) / (stem + ".json")));
+    ASSERT_EQ(korvel("export " + sample + " -o " + stem + ".csv").code, 0);
+    ASSERT_EQ(korvel("export " + sample + " --raw -o " + stem + ".raw.csv").code, 0);
+    for (std::size_t g = 0; g < d["groups"].size(); ++g) {
+      const json& group = d["groups"][g];
+      const std::string number = "." + std::to_string(g + 1) + ".csv";
+      const Rows phys = parse_csv(slurp(dir / (stem + number)));
+      const Rows raw = parse_csv(slurp(dir / (stem + ".raw" + number)));
+      ASSERT_EQ(phys.size(), group["cycles"].get<std::size_t>() + 1);
+      ASSERT_EQ(raw.size(), phys.size());
+      const std::size_t n = phys.size() - 1;
+      for (std::size_t c = 0; c < group["channels"].size(); ++c) {
+        const json& ch = group["channels"][c];
+        const std::string name = ch["name"], unit = ch["unit"];
+        EXPECT_EQ(phys[0][c], unit.empty() ? name : name + " [" + unit + "]");
+        EXPECT_EQ(raw[0][c], name);
+        // Exponential and logarithmic values of the description follow other formulas.
+        const json& rule = ch["conversion_type"];
+        const bool physical = rule != MDF_CC_FRM_EXP && rule != MDF_CC_FRM_LOG;
+        for (std::size_t k = 0; k < 25; ++k) {
+          const std::size_t row = k < 20 ? k + 1 : n - 24 + k;
+          const char* list = k < 20 ? "_first" : "_last";
+          const std::size_t at = k < 20 ? k : k - 20;
+          const std::string where = name + " record " + std::to_string(row - 1);
+          expect_cell(raw[row][c], ch[std::string("raw") + list][at], where);
+          if (physical) expect_cell(phys[row][c], ch[std::string("phys") + list][at], where);
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
