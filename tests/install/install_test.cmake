@@ -23,7 +23,7 @@ run(${CMAKE_COMMAND} --build ${WORK}/build --parallel 2)
 run(${CMAKE_COMMAND} --install ${WORK}/build --prefix ${prefix})
 
 # The installed program starts without help from the environment.
-run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${prefix}/bin/korvel)
+run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${prefix}/bin/korvel --version)
 message(STATUS "installed korvel: ${out}")
 
 # find_package(korvel)
