@@ -21,4 +21,15 @@ inline std::filesystem::path scratch_dir(const std::string& prefix) {
   return dir;
 }
 
+// Copies a file (a shared sample, which may be read-only) into `dir` as a writable file, so
+// that the test may change it and the scratch directory can be removed on every system.
+inline std::filesystem::path copy_writable(const std::filesystem::path& from,
+                                           const std::filesystem::path& dir) {
+  const auto to = dir / from.filename();
+  std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::permissions(to, std::filesystem::perms::owner_write,
+                               std::filesystem::perm_options::add);
+  return to;
+}
+
 }  // namespace mdftest
