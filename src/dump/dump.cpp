@@ -13,7 +13,6 @@
 #include "channel/module_types.h"
 #include "frame/api.h"
 #include "frame/bytes.h"
-#include "frame/frame.h"
 #include "storage/block.h"
 #include "storage/file.h"
 
@@ -50,8 +49,11 @@ constexpr const char* kChannelIndent = "               ";  // conversion, commen
 }
 
 // Field reads bounded by the block's stored size.
+uint32_t stored_size(const Node* n) {
+  return std::min<uint32_t>(n->block_size(), n->image_size);
+}
 bool covers(const Node* n, uint32_t at, uint32_t width) {
-  return at + width <= std::min<uint32_t>(n->block_size(), n->image_size);
+  return at + width <= stored_size(n);
 }
 unsigned u16_at(const Node* n, uint32_t at) {
   return covers(n, at, 2) ? load_le16(n->image + at) : 0u;
@@ -65,7 +67,7 @@ double real_at(const Node* n, uint32_t at) {
 // A fixed-width text field up to its first zero byte; never longer than the field.
 std::string chars_at(const Node* n, uint32_t at, uint32_t width) {
   if (!covers(n, at, 1)) return {};
-  const uint32_t end = std::min<uint32_t>(at + width, n->block_size());
+  const uint32_t end = std::min(at + width, stored_size(n));
   const char* p = reinterpret_cast<const char*>(n->image + at);
   return std::string(p, std::find(p, p + (end - at), '\0'));
 }
@@ -139,7 +141,7 @@ struct Linked {
 
 class Dumper {
  public:
-  Dumper(mdf_file* file, bool hex) : file_(file), hex_(hex) {}
+  Dumper(const char* name, mdf_file* file, bool hex) : name_(name), file_(file), hex_(hex) {}
   void run();
 
  private:
@@ -157,6 +159,7 @@ class Dumper {
   void conversion(const Linked& cc) const;
   void extension(const Linked& ce) const;
 
+  const char* name_;  // as the caller gave it (the file record keeps at most 260 characters)
   mdf_file* file_;
   bool hex_;
   uint16_t channel_groups_ = 0;  // numbers the channel groups over the whole file
@@ -172,7 +175,7 @@ Linked Dumper::follow(Node* owner, uint32_t field) const {
 // The head line, then the block's bytes; a row ends after the bytes with index 0, 16, 32 ...,
 // so the head line holds one byte and every later row sixteen.
 void Dumper::hex_dump(const char* prefix, uint32_t position, const Node* block) const {
-  const uint32_t size = std::min<uint32_t>(block->block_size(), block->image_size);
+  const uint32_t size = stored_size(block);
   char head[96];
   std::snprintf(head, sizeof head, "%sBLOCK %u: %u Bytes at %u :", prefix, unsigned{block->kind},
                 unsigned{block->block_size()}, position);
@@ -244,7 +247,7 @@ void Dumper::header() const {
 }
 
 void Dumper::run() {
-  print("Datei %s\n", file_->name);
+  print("Datei %s\n", name_);
   identification();
   header();
   for_each_data_group(file_, [&](Node* dg) {
@@ -358,7 +361,7 @@ int16_t dump_file(const char* name, bool hex) {
     return st;
   }
   try {
-    Dumper(file, hex).run();
+    Dumper(name, file, hex).run();
   } catch (...) {
     mdfFileClose(file);
     mdfContextClose();
