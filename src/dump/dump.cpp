@@ -181,9 +181,11 @@ void Dumper::hex_dump(const char* prefix, uint32_t position, const Node* block) 
                 unsigned{block->block_size()}, position);
   std::string row = head;
   for (uint32_t i = 0; i < size; ++i) {
-    char byte[4];
-    std::snprintf(byte, sizeof byte, "%02X ", unsigned{block->image[i]});
-    row += byte;
+    // "%02X " without a formatted print per byte
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    row += kDigits[block->image[i] >> 4];
+    row += kDigits[block->image[i] & 15];
+    row += ' ';
     if (i % 16 == 0) {
       row += '\n';
       print("%s", row.c_str());
