@@ -671,8 +671,11 @@ KORVEL_API int16_t mdfSort(const char* source, const char* target);
 KORVEL_API int16_t mdfSortWithProgress(MdfSortParams* params);
 /* mdfFileIsSort of a named file: 0 or 1010, or the open status. */
 KORVEL_API int16_t mdfTestSort(const char* name);
-/* Prints the block structure of a file to the log (hex != 0 adds hex dumps). Returns the
- * open or close status. */
+/* Prints the block structure of a file, block by block, to the log "KORVEL.LOG" through
+ * mdfPrintf; hex != 0 adds hex dumps of the header, program, text, conversion and extension
+ * blocks. Opens a working context (mdfContextOpen) that stays open after a successful dump.
+ * Returns 0, or the status of the file open (then nothing is printed; e.g. 1000, -2004,
+ * -2007, -2012) or of the file close. */
 KORVEL_API int16_t mdfDump(const char* name, uint32_t hex);
 
 #ifdef __cplusplus

@@ -105,6 +105,10 @@ void open_file(const uint8_t* data, size_t size) {
     }
     mdfFileClose(file);
   }
+  // The dump opens the file on its own, from a closed library as well.
+  mdfClose();
+  mdfDump(path.c_str(), 0);
+  mdfDump(path.c_str(), 1);
   mdfClose();
 }
 

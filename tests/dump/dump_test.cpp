@@ -1,0 +1,166 @@
+// The text dump compared with reference texts in tests/dump/refs. To regenerate them on
+// purpose, run the tests with KORVEL_UPDATE_REFS=1 and review the difference before committing.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "frame/frame.h"
+#include "korvel.h"
+#include "support/mdf_builder.h"
+#include "support/scratch.h"
+
+// The file descriptions below name only the leading fields; the rest keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mdftest::FileModel;
+
+std::string slurp(const fs::path& path, std::streamoff from = 0) {
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(from);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class Dump : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // One scratch directory per process, entered for good: the log is opened there and stays
+    // open, so test processes running side by side never share one, and files print their
+    // names as given.
+    [[maybe_unused]] static const bool entered =
+        (fs::current_path(mdftest::scratch_dir("korvel_dump")), mdfPrintf("%s", ""), true);
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+  }
+  void TearDown() override { mdfClose(); }
+  // The status of the dump and the part of the log it wrote.
+  std::pair<int16_t, std::string> dump(const char* name, uint32_t hex) {
+    const auto before = static_cast<std::streamoff>(fs::file_size("KORVEL.LOG"));
+    const int16_t status = mdfDump(name, hex);
+    return {status, slurp("KORVEL.LOG", before)};
+  }
+  void expect_ref(const char* name, uint32_t hex, const std::string& ref) {
+    const auto [status, text] = dump(name, hex);
+    EXPECT_EQ(status, 0) << ref;
+    const fs::path path = fs::path(KORVEL_DUMP_REFS) / (ref + ".txt");
+    if (std::getenv("KORVEL_UPDATE_REFS") != nullptr) std::ofstream(path, std::ios::binary) << text;
+    EXPECT_EQ(text, slurp(path)) << ref;
+  }
+};
+
+std::vector<uint8_t> counting(size_t n) {
+  std::vector<uint8_t> bytes(n);
+  for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>(i + 1);
+  return bytes;
+}
+
+// Every kind of block. Fixed date and time: the reference holds no date of today.
+FileModel every_kind_of_block() {
+  FileModel f;
+  // A full subject field has no terminator.
+  f.header = {{"24:12:2023", "13:14:15", "Author", "", "Project", std::string(32, 'S')},
+              208,
+              {},
+              "File comment",
+              counting(3)};
+  auto& dg1 = f.add_data_group(1);
+  dg1.trigger = mdftest::Trigger{"Trigger comment", {{1.5, 0.25, 0.5}, {3, 0, 1e-3}}, {}, {}};
+  auto& fast = dg1.add_channel_group(24, 1);
+  fast.block_size = 30;
+  fast.comment = "Fast group";
+  fast.record_count = 1000;
+  fast.sample_reductions = {{10, 0.5, {1, 2}}, {5, 1.0, {}}};
+  auto time_cc = mdftest::linear(0, 0.001, "s");
+  time_cc->range_valid = 1;
+  time_cc->max = 0.01;
+  // Channel blocks of 218, 222 and 228 bytes: {type, name, description, first bit, bits, data
+  // type, range valid, min, max, rate, byte offset}, size, comment, long name, display name.
+  fast.channels = {{{1, "t", "", 0, 64, 3, 1, 0, 10, 0.01}, 218, "Time comment", {}, {}, time_cc},
+                   {{0, "long", "Short description", 64, 16, 13}, 222, {}, "A long signal name"},
+                   {{0, std::string(32, 'N'), std::string(128, 'D'), 3, 8, 9, 0, 0, 0, 0, 2},
+                    228,
+                    {},
+                    "Another long name",
+                    "Display",
+                    mdftest::identity(std::string(20, 'U'))}};
+  auto& slow = dg1.add_channel_group(2, 2);
+  slow.comment = "Slow group";
+  auto short_ce = mdftest::extension(1, counting(122));
+  short_ce->block_size = 8;  // too short for the module number
+  slow.channels = {{{0, "short_ce", "", 0, 8, 0}, 228, {}, {}, {}, {}, short_ce}};
+  auto& dg2 = f.add_data_group();
+  // Counts three events, holds one and a half.
+  dg2.trigger = mdftest::Trigger{{}, {{2, 1, 1}, {4, 3, 3}}, 3, 50};
+  auto& types = dg2.add_channel_group(22);
+  types.block_size = 30;
+  // Every data type, conversion type and module type name, known and unknown.
+  const uint16_t conversions[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 65534, 65535};
+  for (uint16_t i = 0; i < 22; ++i) {
+    auto& c = types.add_channel("dt" + std::to_string(i), i * 8, 8, i);
+    if (i < 16) c.conversion = mdftest::raw_conversion(conversions[i], i, {}, "u");
+    c.extension = mdftest::extension(i < 21 ? i : 65535, counting(122));
+    c.block_size = i == 21 ? 226 : 228;  // room for a display-name link, but no link there
+  }
+  types.add_record();
+  return f;
+}
+
+TEST_F(Dump, EveryKindOfBlockWithAndWithoutHex) {
+  mdftest::write_file("all.mdf", mdftest::build(every_kind_of_block()).bytes);
+  const uint16_t depth = korvel::state().context_depth;
+  expect_ref("all.mdf", 0, "all");
+  expect_ref("all.mdf", 1, "all_hex");
+  EXPECT_EQ(korvel::state().context_depth, depth + 2);  // each dump leaves its context open
+}
+
+TEST_F(Dump, FilesWithoutDataGroups) {
+  // Float formats 1 and 2; the 17-byte program block shows the row split of the hex dump.
+  for (uint16_t format : {uint16_t{1}, uint16_t{2}}) {
+    FileModel f;
+    f.id.float_format = format;
+    f.header = {{}, 164, {}, "Only a header", counting(13)};
+    mdftest::write_file("empty.mdf", mdftest::build(f).bytes);
+    expect_ref("empty.mdf", format - 1u, "empty_" + std::to_string(format));
+  }
+}
+
+TEST_F(Dump, SampleFiles) {
+  // Files of other writers, dumped from copies; the references were reviewed once by hand.
+  int dumped = 0;
+  for (const auto& entry : fs::directory_iterator(KORVEL_SAMPLES_DIR)) {
+    if (entry.path().extension() != ".mdf") continue;
+    const std::string file = entry.path().filename().string();
+    fs::copy_file(entry.path(), file);
+    expect_ref(file.c_str(), 0, "samples/" + entry.path().stem().string());
+    expect_ref(file.c_str(), 1, "samples/" + entry.path().stem().string() + "_hex");
+    ++dumped;
+  }
+  EXPECT_GT(dumped, 0);
+}
+
+TEST_F(Dump, RefusedFilesGiveTheOpenStatusAndPrintNothing) {
+  auto built = mdftest::build(FileModel{});
+  built.patch_u32(mdftest::off::id_size + mdftest::off::hd_first_dg, 3);  // no block there
+  mdftest::write_file("bad_link.mdf", built.bytes);
+  built.patch_u8(mdftest::off::id_reserved, 1);
+  mdftest::write_file("bad_id.mdf", built.bytes);
+  const std::pair<const char*, int16_t> cases[] = {{"missing.mdf", MDF_FILE_NOT_OPENED},
+                                                   {"bad_id.mdf", MDF_ERR_FORMAT},
+                                                   {"bad_link.mdf", MDF_ERR_FORMAT}};
+  for (const auto& [name, status] : cases) {
+    mdfClose();
+    mdfOpen(nullptr);
+    const auto [st, text] = dump(name, 1);
+    EXPECT_EQ(st, status) << name;
+    EXPECT_EQ(text.find("Datei"), std::string::npos) << name;
+    EXPECT_EQ(korvel::state().context_depth, 1) << name;
+  }
+}
+
+}  // namespace
