@@ -1,5 +1,8 @@
 // The exported functions that get and set a channel's conversion rule.
+#include <algorithm>
 #include <cstdarg>
+#include <cstring>
+#include <vector>
 
 #include "channel/channel_node.h"
 #include "convert/conversion.h"
@@ -27,20 +30,75 @@ const uint16_t* count_of(const Node* cc) {
   return reinterpret_cast<const uint16_t*>(cc->image + cc::kCount);
 }
 
+// Bytes per entry of a rule's parameters as callers read them: table points, verbal table
+// entries, range table entries, and single REALs for the other types.
+uint32_t entry_bytes(uint16_t type) {
+  switch (type) {
+    case 1:
+    case 2:
+      return cc::kTableEntry;
+    case 11:
+      return cc::kVtabEntry;
+    case 12:
+      return cc::kVtabrEntry;
+    default:
+      return 8;
+  }
+}
+
+// REALs a parametric rule takes whatever its stored count says.
+uint32_t parameters_taken(uint16_t type) {
+  switch (type) {
+    case 0:
+      return 2;
+    case 6:
+    case 9:
+      return 6;
+    case 7:
+    case 8:
+      return 7;
+    default:
+      return 0;
+  }
+}
+
+// The memory handed out for a rule's parameters, where a caller reads `needed` bytes. The
+// library's copy of the block when it holds them; a damaged block that promises more than it
+// holds is copied into `spare`, zero-filled up to `needed`, so that no caller reads outside
+// library memory. `spare` belongs to one getter and keeps the copy until its next call.
+const void* parameters_out(const Node* cc, uint32_t needed, std::vector<uint8_t>& spare) {
+  const uint32_t size = cc->block_size();
+  const uint32_t held = size > cc::kParams ? size - cc::kParams : 0;
+  if (needed <= held) return cc->image + cc::kParams;
+  spare.assign(needed, 0);
+  std::memcpy(spare.data(), cc->image + cc::kParams, held);
+  return spare.data();
+}
+
+std::vector<uint8_t> g_form_spare;
+std::vector<uint8_t> g_tab_spare;
+std::vector<uint8_t> g_vtab_spare;
+std::vector<uint8_t> g_vtabr_spare;
+
 // Hands out type and unit; the common first step of the table getters.
 void head_outs(const Node* cc, uint16_t* type, const char** unit) {
   if (type != nullptr) *type = type_of(cc);
   if (unit != nullptr) *unit = unit_of(cc);
 }
 
-// Hands out count and entries of a table rule of one of the accepted types; for any other
-// type both are set null and `refusal` is raised with the type.
+// Hands out the stored count and the entries of a table rule of one of the accepted types,
+// with memory behind the entries for every entry the count promises; for any other type both
+// are set null and `refusal` is raised with the type.
 int16_t table_outs(const Node* cc, uint16_t accept1, uint16_t accept2, int16_t refusal,
-                   const uint16_t** count, const void** entries) {
+                   const uint16_t** count, const void** entries, std::vector<uint8_t>& spare) {
   const uint16_t t = type_of(cc);
   const bool accepted = t == accept1 || t == accept2;
   if (count != nullptr) *count = accepted ? count_of(cc) : nullptr;
-  if (entries != nullptr) *entries = accepted ? cc->image + cc::kParams : nullptr;
+  if (entries != nullptr) {
+    *entries = accepted
+                   ? parameters_out(cc, load_le16(cc->image + cc::kCount) * entry_bytes(t), spare)
+                   : nullptr;
+  }
   return accepted ? int16_t{0} : raise_fmt(refusal, "(id=%d)", t);
 }
 
@@ -110,7 +168,15 @@ KORVEL_API int16_t mdfChnGetForm(channelnode* channel, uint16_t* type, const cha
     const Node* cc = channel->cc;
     if (cc == nullptr) return MDF_NO_FORMULA;
     head_outs(cc, type, unit);
-    if (params != nullptr) *params = cc->image + cc::kParams;
+    if (params != nullptr) {
+      // A formula text ends inside the image: the in-memory extra behind the block starts
+      // with zero bytes. Other parameters are read by their count or by what the type takes.
+      const uint16_t t = type_of(cc);
+      const uint32_t needed =
+          std::max(load_le16(cc->image + cc::kCount) * entry_bytes(t), 8 * parameters_taken(t));
+      *params =
+          t == MDF_CC_FRM_TXT ? cc->image + cc::kParams : parameters_out(cc, needed, g_form_spare);
+    }
     return 0;
   });
 }
@@ -122,7 +188,8 @@ KORVEL_API int16_t mdfChnGetFormTab(channelnode* channel, uint16_t* type, const 
     const Node* cc = channel->cc;
     if (cc == nullptr) return raise(MDF_NO_FORMULA, "");
     head_outs(cc, type, unit);
-    return table_outs(cc, MDF_CC_FRM_ITAB, MDF_CC_FRM_TAB, MDF_NOT_A_TABLE, count, points);
+    return table_outs(cc, MDF_CC_FRM_ITAB, MDF_CC_FRM_TAB, MDF_NOT_A_TABLE, count, points,
+                      g_tab_spare);
   });
 }
 
@@ -133,7 +200,8 @@ KORVEL_API int16_t mdfChnGetFormVTab(channelnode* channel, uint16_t* type, const
     const Node* cc = channel->cc;
     if (cc == nullptr) return raise(MDF_NO_FORMULA, "");
     head_outs(cc, type, unit);
-    return table_outs(cc, MDF_CC_FRM_VTAB, MDF_CC_FRM_VTAB, MDF_NOT_A_VTAB, count, entries);
+    return table_outs(cc, MDF_CC_FRM_VTAB, MDF_CC_FRM_VTAB, MDF_NOT_A_VTAB, count, entries,
+                      g_vtab_spare);
   });
 }
 
@@ -147,7 +215,8 @@ KORVEL_API int16_t mdfChnGetFormVTabR(channelnode* channel, uint16_t* type, cons
     head_outs(cc, type, unit);
     if (offset != nullptr) *offset = cc_extra_offset(cc->image);
     if (factor != nullptr) *factor = cc_extra_factor(cc->image);
-    return table_outs(cc, MDF_CC_FRM_VTABR, MDF_CC_FRM_VTABR, MDF_NOT_A_VTABR, count, entries);
+    return table_outs(cc, MDF_CC_FRM_VTABR, MDF_CC_FRM_VTABR, MDF_NOT_A_VTABR, count, entries,
+                      g_vtabr_spare);
   });
 }
 

@@ -42,7 +42,11 @@ inline uint8_t* record_data(mdf_group* g) {
 }
 uint16_t record_size(const mdf_group* g);
 uint16_t record_ids(const mdf_group* g);
-uint32_t record_count(const mdf_group* g);
+uint32_t record_count(const mdf_group* g);  // as declared by the channel group
+// Whether the group offers record `index`: the group offers its declared count of records,
+// but no more than the bytes from the data position to the end of the file can hold at its
+// stride (record size plus identifiers); a record size of 0 offers none.
+bool offers_record(const mdf_group* g, uint32_t index);
 // The record data, never more than the buffer holds (a record grown through another handle
 // on the same channel group reaches this one at its next seek).
 inline std::span<uint8_t> record_span(mdf_group* g) {

@@ -1,5 +1,6 @@
 // The exported group functions: opening channel groups, the record cursor, reading,
 // rewriting and appending records, closing and deleting groups.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -143,15 +144,16 @@ int16_t read_record(mdf_group* g, bool scan_only) {
       length = load_le16(owner->image + cg::kRecordSize) + (ids == 2 ? 1u : 0u);
       at += 1;
     }
+    // A scan that passes the end of the file stops there, whatever the counts claim.
+    if (!fits(at, length)) return raise(MDF_ERR_FORMAT, "");
     if (owner == g->cg) {
       if (scan_only) return 0;
-      if (!fits(at, length) || io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
+      if (io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
           (length != 0 && io::read_bulk(record_data(g), length, number) != 0)) {
         return raise(MDF_ERR_FORMAT, "");
       }
       return 0;
     }
-    if (!fits(at, length)) return raise(MDF_ERR_FORMAT, "");
     g->record_position = at + length;
   }
 }
@@ -182,7 +184,7 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
   } else {
     return raise(MDF_ERR_SEEK_MODE, "");
   }
-  if (target >= record_count(g)) return MDF_END_OF_GROUP;
+  if (!offers_record(g, target)) return MDF_END_OF_GROUP;
   const uint64_t data = load_le32(g->dg->image + dg::kData);
   const uint32_t stride = record_size(g) + record_ids(g);
   if (target == 0) {
@@ -210,11 +212,8 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
   return read_record(g, false);
 }
 
-int16_t write_record(mdf_group* g) {
-  if (g->mode == 0) return raise(MDF_ERR_OPEN_MODE, "");
-  // Without a current record the cursor points at whatever follows the data (in a file this
-  // library wrote, the group's own blocks): nothing is written there.
-  if (g->record_index >= record_count(g)) return MDF_END_OF_GROUP;
+// Writes the record buffer at the record position.
+int16_t store_record(mdf_group* g) {
   if (int16_t st = refresh_record_layout(g); st != 0) return st;
   const uint16_t number = g->file->io_number;
   const uint16_t ids = record_ids(g);
@@ -235,6 +234,20 @@ int16_t write_record(mdf_group* g) {
   return 0;
 }
 
+int16_t write_record(mdf_group* g) {
+  if (g->mode == 0) return raise(MDF_ERR_OPEN_MODE, "");
+  // Without a current record the cursor points at whatever follows the data (in a file this
+  // library wrote, the group's own blocks): nothing is written there.
+  if (!offers_record(g, g->record_index)) return MDF_END_OF_GROUP;
+  // In a file opened for modifying, a record that the scan of a damaged data group found on
+  // a block's bytes, or beyond the file as opened, is not written: the block would be lost.
+  if (g->file->mode == 1 &&
+      !record_bytes_free(g->file, g->record_position, uint64_t{record_size(g)} + record_ids(g))) {
+    return raise(MDF_ERR_FORMAT, "");
+  }
+  return store_record(g);
+}
+
 int16_t append_record(mdf_group* g) {
   if (g->mode != 2) return raise(MDF_ERR_OPEN_MODE, "");
   const uint16_t number = g->file->io_number;
@@ -244,7 +257,7 @@ int16_t append_record(mdf_group* g) {
   g->record_position = static_cast<uint64_t>(end);
   g->record_index = record_count(g);
   store_le32(g->cg->image + cg::kRecordCount, g->record_index + 1);
-  return write_record(g);
+  return store_record(g);
 }
 
 // Counts the channels of a channel group and finds its time channel (the last of type 1).
@@ -504,6 +517,12 @@ uint16_t record_ids(const mdf_group* g) {
 }
 uint32_t record_count(const mdf_group* g) {
   return load_le32(g->cg->image + cg::kRecordCount);
+}
+bool offers_record(const mdf_group* g, uint32_t index) {
+  const uint32_t size = record_size(g);
+  if (size == 0 || index >= record_count(g)) return false;
+  const int64_t room = io::known_size(g->file->io_number) - load_le32(g->dg->image + dg::kData);
+  return static_cast<int64_t>((uint64_t{index} + 1) * (size + record_ids(g))) <= room;
 }
 
 int16_t refresh_record_layout(mdf_group* g) {

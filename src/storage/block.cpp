@@ -506,16 +506,17 @@ int16_t read_block(mdf_file* file, uint32_t link, uint16_t expected, Node** out,
   }
   const uint16_t number = file->io_number;
   const int64_t file_size = io::known_size(number);
-  if (static_cast<int64_t>(link) + 4 > file_size) return MDF_ERR_FORMAT;
+  // A head or body that lies past the end of the file cannot be read whole: a short read,
+  // reported as every failed read is. Checked before seeking, which would grow the known size.
+  if (static_cast<int64_t>(link) + 4 > file_size) return raise(MDF_ERR_READ, "");
   uint8_t head[4];
   if (int16_t st = io::seek(number, link, 0); st != 0) return st;
   if (int16_t st = io::read(head, 4, number); st != 0) return st;
   const uint16_t kind = load_le16(head);
   const uint32_t size = load_le16(head + 2);
   if (size < 4 || !accepted_kind(kind)) return MDF_ERR_FORMAT;
-  if (static_cast<int64_t>(link) + size > file_size || size < minimum_size(kind)) {
-    return MDF_ERR_FORMAT;
-  }
+  if (static_cast<int64_t>(link) + size > file_size) return raise(MDF_ERR_READ, "");
+  if (size < minimum_size(kind)) return MDF_ERR_FORMAT;
   // Blocks of a sound file do not overlap, so together they are no larger than the file;
   // blocks laid over each other would let a small file claim any amount of memory.
   if (static_cast<int64_t>(file->tree.loaded_bytes() + size) > file_size) return MDF_ERR_FORMAT;

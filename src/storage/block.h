@@ -31,8 +31,9 @@ int16_t new_text_block(mdf_file* file, Node** out, uint32_t length, const char* 
 int16_t copy_block(mdf_file* file, Node** out, const Node* source);
 
 // Reads the block at `link` (none for 0); a block read before is handed out again. A head
-// that cannot be a block, or a block running past the end of the file, returns -2004
-// without raising it; a block of another kind than `expected` (0 = any) raises -2004.
+// or body past the end of the file is a short read (-2001 raised); a head that cannot be a
+// block, or a block shorter than its fixed fields, returns -2004 without raising it; a block
+// of another kind than `expected` (0 = any) raises -2004.
 // `fresh` (optional) tells whether the block was read just now.
 int16_t read_block(mdf_file* file, uint32_t link, uint16_t expected, Node** out,
                    bool* fresh = nullptr);

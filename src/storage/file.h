@@ -10,6 +10,17 @@ namespace korvel {
 using CloseGroupsHook = int16_t (*)(mdf_file* file);
 void set_close_groups_hook(CloseGroupsHook hook);
 
+// Maps what the bytes of a file opened for modifying hold: every block read at open, and the
+// records of every data group (from its data position, the declared records of its channel
+// groups, cut at the end of the file). Blocks that overlap each other or records would let a
+// record write land in a block, or a block rewritten in place put old bytes over records: such
+// a file is refused with -2004 (raised). Keeps the blocks in the file record.
+int16_t map_file(mdf_file* file);
+
+// Whether records may be written to the bytes [start, start + length) of a file opened for
+// modifying: they lie inside the file as it was opened and touch no block read at open.
+bool record_bytes_free(const mdf_file* file, uint64_t start, uint64_t length);
+
 // Walks the data groups of the file from the header, in chain order.
 template <class Visit>
 void for_each_data_group(mdf_file* file, Visit&& visit) {

@@ -79,6 +79,7 @@ int16_t open_file(mdf_file** out, const char* name, uint16_t mode) {
         st = raise(MDF_ERR_FLOAT_FORMAT, "");
       }
       if (st == 0) file->group_count = count_channel_groups(file);
+      if (st == 0 && mode == 1) st = map_file(file);
     }
   }
   if (st != 0) {

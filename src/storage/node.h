@@ -93,6 +93,13 @@ Node* resolve_link(const NodeTree& tree, Node* owner, uint32_t field);
 // the field gets its value when the owner is written. Null and -2009 raised when unknown.
 LinkRecord* set_link(Node* owner, uint32_t field, uint32_t position, Node* target);
 
+// The bytes [start, start + length) of a file.
+struct Extent {
+  uint32_t start;
+  uint32_t length;
+  uint64_t end() const { return uint64_t{start} + length; }
+};
+
 // Saves a snapshot of the image / copies it back and drops it; used to undo changes when
 // an operation on a block fails.
 int16_t save_copy(Node* node);
@@ -113,6 +120,10 @@ struct mdf_file {
   korvel::Node* header = nullptr;
   mdf_file* next = nullptr;
   korvel::NodeTree tree;
+  // A file opened for modifying: the blocks read at open, sorted and disjoint, and the file's
+  // size then. Records are written only where neither lies.
+  std::vector<korvel::Extent> blocks;
+  int64_t size_at_open = 0;
 };
 
 namespace korvel {

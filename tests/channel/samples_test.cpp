@@ -21,6 +21,7 @@
 #include "korvel.h"
 #include "support/json_value.h"
 #include "support/mdf_reader.h"
+#include "support/scratch.h"
 
 namespace {
 
@@ -281,6 +282,22 @@ TEST_P(SampleFile, EveryChannelMatchesTheIndependentReading) {
   ASSERT_EQ(mdfFileClose(f), 0);
   EXPECT_EQ(mdfGetErrorCode(), 0);
   mdfClose();
+}
+
+// Files of other writers hold no block over another block or over records: a copy opens for
+// modifying.
+TEST_P(SampleFile, OpensForModifying) {
+  const fs::path dir = mdftest::scratch_dir("korvel_samples");
+  const fs::path copy = dir / "copy.mdf";
+  fs::copy_file(fs::path(KORVEL_SAMPLES_DIR) / (GetParam() + ".mdf"), copy);
+  fs::permissions(copy, fs::perms::owner_write, fs::perm_options::add);
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  mdf_file* f = nullptr;
+  EXPECT_EQ(mdfFileOpen(&f, copy.string().c_str(), MDF_OPEN_MODIFY), 0);
+  EXPECT_EQ(mdfFileClose(f), 0);
+  mdfClose();
+  fs::remove_all(dir);
 }
 
 INSTANTIATE_TEST_SUITE_P(Samples, SampleFile, ::testing::ValuesIn(sample_stems()),

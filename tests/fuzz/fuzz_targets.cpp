@@ -1,5 +1,6 @@
 #include "fuzz/fuzz_targets.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -8,11 +9,15 @@
 #include <vector>
 
 #include "convert/formula.h"
+#include "group/group.h"
 #include "korvel.h"
+#include "storage/node.h"
+#include "support/mdf_builder.h"
 
 namespace korvel_fuzz {
 
 namespace {
+
 // Reads a channel's module record through the generic and the typed getters, touching every
 // byte and text handed out.
 void read_module_info(channelnode* ch) {
@@ -48,26 +53,81 @@ const std::string& scratch_path() {
           .string();
   return path;
 }
+
+constexpr int32_t kMaxRecords = 1024;
+
+// Opens the first channels of a group.
+std::vector<channelnode*> open_channels(mdf_group* group) {
+  std::vector<channelnode*> channels;
+  uint16_t count = 0;
+  mdfGrpChannels(&count, group);
+  for (uint16_t c = 1; c <= count && c <= 32; ++c) {
+    channelnode* ch = nullptr;
+    if (mdfChnOpen(&ch, group, c) != 0) break;
+    channels.push_back(ch);
+  }
+  return channels;
+}
+
+// Every value of the current record, through every channel.
+void read_values(const std::vector<channelnode*>& channels) {
+  for (channelnode* ch : channels) {
+    double value = 0;
+    uint64_t raw = 0;
+    uint8_t bytes[64];
+    uint32_t length = sizeof bytes;
+    mdfChnGetHex(&value, ch, 0);
+    mdfChnGetHexInt(&raw, ch, 0);
+    mdfChnGetPhy(&value, ch, 0);
+    mdfChnGetData(bytes, &length, ch, 0);
+  }
+}
+
+void walk_group(mdf_group* group) {
+  const std::vector<channelnode*> channels = open_channels(group);
+  for (channelnode* ch : channels) {
+    const char* text = nullptr;
+    mdfChnGetText(ch, &text);
+    mdfChnGetLongName(ch, &text);
+    mdfChnGetDisplayName(ch, &text);
+    for (uint16_t i = 0; i < 3; ++i) mdfChnGetFormVTabText(ch, i, &text);
+    read_module_info(ch);
+  }
+  // Absolute, then relative forwards and backwards over the same records, then far away.
+  int32_t records = 0;
+  for (; records < kMaxRecords && mdfGrpSeek(group, records, MDF_SEEK_ABS) == 0; ++records) {
+    read_values(channels);
+  }
+  for (int32_t step : {1, -1}) {
+    mdfGrpSeek(group, step > 0 ? 0 : records - 1, MDF_SEEK_ABS);
+    for (int32_t k = 1; k < records && mdfGrpSeek(group, step, MDF_SEEK_REL) == 0; ++k) {
+      read_values(channels);
+    }
+  }
+  mdfGrpSeek(group, INT32_MAX, MDF_SEEK_ABS);
+  mdfGrpSeek(group, INT32_MIN, MDF_SEEK_REL);
+  // The channel steps walk the records as well.
+  double value = 0;
+  for (int32_t k = 0; !channels.empty() && k <= records && mdfChnReadPhy(&value, channels[0]) == 0;
+       ++k) {
+  }
+  for (channelnode* ch : channels) mdfChnClose(ch);
+}
+
 }  // namespace
 
 void open_file(const uint8_t* data, size_t size) {
-  const std::string& path = scratch_path();
-  if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
-    if (size != 0) std::fwrite(data, 1, size, f);
-    std::fclose(f);
-  }
+  mdftest::write_file(scratch_path(), {data, size});
   mdfClose();
   mdfOpen(nullptr);
   mdf_file* file = nullptr;
-  if (mdfFileOpen(&file, path.c_str(), MDF_OPEN_READ) == 0) {
+  if (mdfFileOpen(&file, scratch_path().c_str(), MDF_OPEN_READ) == 0) {
     uint16_t groups = 0;
     mdfFileGroups(&groups, file);
     mdfFileIsSort(file);
     for (uint16_t n = 1; n <= groups && n <= 16; ++n) {
       mdf_group* group = nullptr;
       if (mdfGrpOpen(&group, file, n, MDF_OPEN_READ) != 0) break;
-      uint16_t channels = 0;
-      mdfGrpChannels(&channels, group);
       const char* comment = nullptr;
       uint16_t events = 0;
       const void* event_records = nullptr;
@@ -80,36 +140,79 @@ void open_file(const uint8_t* data, size_t size) {
       if (mdfGrpGetTime(&time, group) != MDF_NO_TIME_CHANNEL) {
         for (int mode : {0, 1, 4, 21}) mdfGrpSeekTime(group, 0.5, static_cast<uint16_t>(mode));
       }
-      for (uint16_t c = 1; c <= channels && c <= 32; ++c) {
-        channelnode* ch = nullptr;
-        if (mdfChnOpen(&ch, group, c) != 0) break;
-        const char* text = nullptr;
-        mdfChnGetText(ch, &text);
-        mdfChnGetLongName(ch, &text);
-        mdfChnGetDisplayName(ch, &text);
-        for (int k = 0; k < 4; ++k) {
-          double value = 0;
-          uint64_t raw = 0;
-          uint8_t bytes[64];
-          uint32_t length = sizeof bytes;
-          mdfChnGetHex(&value, ch, 0);
-          mdfChnGetHexInt(&raw, ch, 0);
-          mdfChnGetData(bytes, &length, ch, 0);
-          if (mdfChnReadPhy(&value, ch) != 0) break;
-        }
-        for (uint16_t i = 0; i < 3; ++i) mdfChnGetFormVTabText(ch, i, &text);
-        read_module_info(ch);
-        mdfChnClose(ch);
-      }
+      walk_group(group);
       mdfGrpClose(group);
     }
     mdfFileClose(file);
   }
   // The dump opens the file on its own, from a closed library as well.
   mdfClose();
-  mdfDump(path.c_str(), 0);
-  mdfDump(path.c_str(), 1);
+  mdfDump(scratch_path().c_str(), 0);
+  mdfDump(scratch_path().c_str(), 1);
   mdfClose();
+}
+
+void modify_file(const uint8_t* data, size_t size) {
+  mdftest::write_file(scratch_path(), {data, size});
+  mdfClose();
+  mdfOpen(nullptr);
+  const auto overlap = [](const korvel::Extent& a, const korvel::Extent& b) {
+    return a.start < b.end() && b.start < a.end();
+  };
+  // Per byte of the file as it was: what it must hold at the end, or -1 for anything (a block
+  // rewritten in place).
+  std::vector<int> expected(data, data + size);
+  std::vector<korvel::Extent> written;    // records written
+  std::vector<korvel::Extent> rewritten;  // blocks rewritten in place at close
+  mdf_file* file = nullptr;
+  if (mdfFileOpen(&file, scratch_path().c_str(), MDF_OPEN_MODIFY) == 0) {
+    const std::vector<korvel::Node*> blocks = file->tree.nodes();  // all read at open
+    rewritten.push_back({64, file->header->block_size()});
+    uint16_t groups = 0;
+    mdfFileGroups(&groups, file);
+    for (uint16_t n = 1; n <= groups && n <= 8; ++n) {
+      mdf_group* g = nullptr;
+      if (mdfGrpOpen(&g, file, n, MDF_OPEN_MODIFY) != 0) break;
+      rewritten.push_back({g->cg->read_position, g->cg->block_size()});
+      const std::vector<channelnode*> channels = open_channels(g);
+      const uint32_t ids = korvel::record_ids(g);
+      // Values set through the channels and a byte changed directly, the record written.
+      for (int32_t k = 0; k < kMaxRecords / 4 && mdfGrpSeek(g, k, MDF_SEEK_ABS) == 0; ++k) {
+        for (channelnode* ch : channels) mdfChnSetHexInt(ch, 0x5A5A5A5A5A5A5A5Au + k);
+        uint8_t* record = nullptr;
+        const int32_t length = mdfGrpBuffer(&record, g) - 24;
+        if (length > 0) record[k % length] ^= 0xFF;
+        if (mdfGrpWrite(g) != 0) continue;
+        const korvel::Extent at{static_cast<uint32_t>(g->record_position),
+                                static_cast<uint32_t>(length) + ids};
+        for (const korvel::Node* b : blocks) {
+          if (overlap(at, {b->read_position, b->block_size()})) __builtin_trap();
+        }
+        written.push_back(at);
+        const uint8_t* bytes = record - (ids != 0 ? 1 : 0);  // from the leading identifier
+        for (uint32_t i = 0; i < at.length && at.start + i < size; ++i) {
+          expected[at.start + i] = bytes[i];
+        }
+      }
+      for (channelnode* ch : channels) mdfChnClose(ch);
+      mdfGrpClose(g);
+    }
+    mdfFileClose(file);
+  }
+  mdfClose();
+  // Blocks rewritten in place hold no record written; every other byte is as expected, and
+  // a file refused for modifying is untouched.
+  for (const auto& block : rewritten) {
+    for (const auto& record : written) {
+      if (overlap(block, record)) __builtin_trap();
+    }
+    for (uint64_t i = block.start; i < block.end() && i < size; ++i) expected[i] = -1;
+  }
+  const std::vector<uint8_t> after = mdftest::load_file(scratch_path());
+  if (after.size() < size) __builtin_trap();
+  for (size_t i = 0; i < size; ++i) {
+    if (expected[i] != -1 && after[i] != expected[i]) __builtin_trap();
+  }
 }
 
 void evaluate_formula(const uint8_t* data, size_t size) {

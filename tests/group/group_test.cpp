@@ -405,11 +405,11 @@ TEST_F(GroupApi, DamagedDataSections) {
          b.patch_u32(b.data_groups[0].channel_groups[0].offset + mdftest::off::cg_record_count, 9);
        },
        7, 0, MDF_ERR_FORMAT},
-      {"data position beyond the end",
+      {"data position beyond the end: no records",
        [](mdftest::Built& b) {
          b.patch_u32(b.data_groups[0].offset + mdftest::off::dg_data, 0x7FFFFFF0u);
        },
-       0, MDF_ERR_FORMAT, 0},
+       0, 0, MDF_END_OF_GROUP},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -424,7 +424,7 @@ TEST_F(GroupApi, DamagedDataSections) {
     EXPECT_EQ(mdfGrpOpen(&g, file, 1, 0), c.open_status);
     if (c.open_status != 0) continue;
     EXPECT_EQ(mdfGrpSeek(g, c.seek_to, MDF_SEEK_ABS), c.seek_status);
-    EXPECT_EQ(mdfGetErrorCode(), c.seek_status);
+    EXPECT_EQ(mdfGetErrorCode(), c.seek_status < 0 ? c.seek_status : 0);
   }
 }
 

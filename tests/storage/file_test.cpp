@@ -295,9 +295,34 @@ TEST_F(FileApi, HostileFilesAreRefused) {
     std::function<void(Built&)> damage;
     int16_t status;
     bool sticky;
+    uint16_t mode = MDF_OPEN_READ;
+    std::function<int16_t(mdf_file*)> probe = {};  // run on the opened file
+    int16_t probe_status = 0;
   };
   auto none = [](mdftest::FileModel&) {};
   const uint32_t far = 0x7FFFFFF0u;
+  // Enough records behind the blocks that blocks laid over them stay within the file's size.
+  auto records = [](mdftest::FileModel& f) {
+    for (int k = 0; k < 200; ++k) f.data_groups[0].channel_groups[0].add_record();
+  };
+  auto first_record = [](const Built& b) { return b.data_groups[0].channel_groups[0].records[0]; };
+  auto header_over_records = [=](Built& b) {
+    b.patch_u16(64 + off::block_size, static_cast<uint16_t>(first_record(b)));
+  };
+  auto data_on_channel = [](Built& b) {
+    const auto& cns = b.data_groups[0].channel_groups[0].channels;
+    b.patch_u32(b.data_groups[0].offset + off::dg_data, cns[1].offset);
+  };
+  auto group_of = [](mdf_file* file, uint16_t mode) {
+    mdf_group* g = nullptr;
+    mdfGrpOpen(&g, file, 1, mode);
+    return g;
+  };
+  auto channel_of = [](mdf_group* g) {
+    channelnode* ch = nullptr;
+    mdfChnOpen(&ch, g, 1);
+    return ch;
+  };
   const Case cases[] = {
       {"wrong identifier", [](auto& f) { f.id.file_id = "MDX     "; }, [](Built&) {}, -2004, true},
       {"unfinished", [](auto& f) { f.id.file_id = "UnFinMF "; }, [](Built&) {}, -2004, true},
@@ -305,7 +330,7 @@ TEST_F(FileApi, HostileFilesAreRefused) {
       {"byte 33 set", [](auto& f) { f.id.reserved33 = 1; }, [](Built&) {}, -2004, true},
       {"unknown float format", [](auto& f) { f.id.float_format = 3; }, [](Built&) {}, -2012, true},
       {"truncated identification", none, [](Built& b) { b.truncate(40); }, -2001, true},
-      {"no header", none, [](Built& b) { b.truncate(64); }, -2004, false},
+      {"no header", none, [](Built& b) { b.truncate(64); }, -2001, true},
       {"header is no HD", none, [](Built& b) { b.patch_chars(64, 2, "DG"); }, -2004, true},
       {"DG next to itself", none,
        [](Built& b) {
@@ -341,14 +366,14 @@ TEST_F(FileApi, HostileFilesAreRefused) {
        },
        -2004, true},
       {"link beyond the end", none,
-       [&](Built& b) { b.patch_u32(b.data_groups[0].offset + off::dg_first_cg, far); }, -2004,
-       false},
+       [&](Built& b) { b.patch_u32(b.data_groups[0].offset + off::dg_first_cg, far); }, -2001,
+       true},
       {"block runs past the end", none,
        [](Built& b) {
          const auto& cns = b.data_groups[0].channel_groups[0].channels;
          b.patch_u16(cns[0].offset + off::block_size, 0xFFF0);
        },
-       -2004, false},
+       -2001, true},
       {"block size below 4", none,
        [](Built& b) { b.patch_u16(b.data_groups[0].offset + off::block_size, 2); }, -2004, false},
       {"unknown block identifier", none,
@@ -401,6 +426,99 @@ TEST_F(FileApi, HostileFilesAreRefused) {
          b.patch_u16(cn.dependency + off::cd_count, 0xFFFF);
        },
        -2004, false},
+      // Blocks over records or over each other: never modified, read as far as they go.
+      {"header over the records", records, header_over_records, -2004, true, MDF_OPEN_MODIFY},
+      {"header over the records, read", records, header_over_records, 0, false},
+      {"channel group over the records",
+       [=](auto& f) {
+         records(f);
+         f.data_groups[0].channel_groups[0].block_size = 30;
+       },
+       [=](Built& b) {
+         const uint32_t cg = b.data_groups[0].channel_groups[0].offset;
+         b.patch_u16(cg + off::block_size, static_cast<uint16_t>(first_record(b) + 8 - cg));
+       },
+       -2004, true, MDF_OPEN_MODIFY},
+      {"data position on a channel", none, data_on_channel, -2004, true, MDF_OPEN_MODIFY},
+      {"data position on a channel, read", none, data_on_channel, 0, false},
+      {"data position on the header", none,
+       [](Built& b) { b.patch_u32(b.data_groups[0].offset + off::dg_data, 64); }, -2004, true,
+       MDF_OPEN_MODIFY},
+      {"record found on a block is not written",
+       [](auto& f) {
+         // Records of "a" are led by 'D': the scan for its second record, past the one
+         // record of "b" that no count declares, lands on the next data group's head.
+         auto& dg = f.data_groups.emplace_front();
+         dg.record_ids = 1;
+         auto& a = dg.add_channel_group(4, 'D');
+         a.add_channel("a", 0, 32, 0);
+         a.add_record();
+         a.record_count = 2;
+         auto& b = dg.add_channel_group(10, 2);
+         b.add_channel("b", 0, 8, 0);
+         b.add_record();
+         b.record_count = 0;
+         dg.order = {0, 1};
+       },
+       [](Built&) {}, 0, false, MDF_OPEN_MODIFY,
+       [=](mdf_file* file) {
+         mdf_group* g = group_of(file, MDF_OPEN_MODIFY);
+         EXPECT_EQ(mdfGrpSeek(g, 1, MDF_SEEK_ABS), 0);
+         return mdfGrpWrite(g);
+       },
+       -2004},
+      // Walks bounded by the bytes present, not by the counts claimed.
+      {"far seek, several channel groups without identifiers",
+       [](auto& f) { f.data_groups[0].add_channel_group(2).add_channel("c", 0, 16, 0); },
+       [](Built& b) {
+         b.patch_u32(b.data_groups[0].channel_groups[0].offset + off::cg_record_count, ~0u);
+       },
+       0, false, MDF_OPEN_READ,
+       [=](mdf_file* file) {
+         return mdfGrpSeek(group_of(file, MDF_OPEN_READ), 0x7FFFFFFF, MDF_SEEK_ABS);
+       },
+       MDF_END_OF_GROUP},
+      {"records of size 0", none,
+       [](Built& b) {
+         const uint32_t cg = b.data_groups[0].channel_groups[0].offset;
+         b.patch_u16(cg + off::cg_record_size, 0);
+         b.patch_u32(cg + off::cg_record_count, ~0u);
+       },
+       0, false, MDF_OPEN_READ,
+       [=](mdf_file* file) {
+         mdf_group* g = group_of(file, MDF_OPEN_READ);
+         channelnode* ch = channel_of(g);
+         uint32_t declared = 0;
+         mdfGrpRecords(&declared, g);
+         EXPECT_EQ(declared, ~0u);
+         double value = 0;
+         mdfChnReadPhy(&value, ch);
+         return mdfChnReadPhy(&value, ch);
+       },
+       MDF_END_OF_GROUP},
+      // Counts handed out as stored, with memory behind them for every entry counted.
+      {"table count beyond its block",
+       [](auto& f) {
+         f.data_groups[0].channel_groups[0].channels[0].conversion =
+             mdftest::table(true, {{0, 0}, {1, 10}, {2, 20}, {3, 30}, {4, 40}});
+       },
+       [](Built& b) {
+         const auto& cn = b.data_groups[0].channel_groups[0].channels[0];
+         b.patch_u16(cn.conversion + off::cc_count, 0xFFFF);
+       },
+       0, false, MDF_OPEN_READ,
+       [=](mdf_file* file) {
+         const uint16_t* count = nullptr;
+         const void* points = nullptr;
+         const int16_t st = mdfChnGetFormTab(channel_of(group_of(file, MDF_OPEN_READ)), nullptr,
+                                             nullptr, &count, &points);
+         EXPECT_EQ(*count, 0xFFFF);
+         const auto* p = static_cast<const double*>(points);
+         EXPECT_EQ(p[9], 40.0);
+         for (uint32_t i = 10; i < 2u * 0xFFFF; ++i) EXPECT_EQ(p[i], 0.0) << i;
+         return st;
+       },
+       0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -413,9 +531,12 @@ TEST_F(FileApi, HostileFilesAreRefused) {
     const auto in = write(built);
     const auto before = mdftest::load_file(in);
     mdf_file* file = nullptr;
-    EXPECT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), c.status);
+    EXPECT_EQ(mdfFileOpen(&file, in.c_str(), c.mode), c.status);
     EXPECT_EQ(mdfGetErrorCode(), c.sticky ? c.status : 0);
     if (c.status == 0) {
+      if (c.probe) {
+        EXPECT_EQ(c.probe(file), c.probe_status);
+      }
       EXPECT_EQ(mdfFileClose(file), 0);
     } else {
       EXPECT_EQ(file, nullptr);
