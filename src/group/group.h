@@ -8,6 +8,10 @@
 #include "korvel.h"
 #include "storage/node.h"
 
+namespace korvel {
+struct RecordCache;
+}
+
 struct mdf_group {
   uint32_t tag = korvel::kGroupTag;
   mdf_file* file = nullptr;
@@ -26,6 +30,7 @@ struct mdf_group {
   uint64_t record_position = 0;  // file offset of the current record (of its identifier)
   uint32_t record_index = 0;     // index of the current record within this channel group
   mdf_group* next = nullptr;     // next open group, in order of opening
+  korvel::RecordCache* records = nullptr;  // records kept for array reads, or null
 };
 
 namespace korvel {

@@ -11,6 +11,7 @@
 #include "frame/bytes.h"
 #include "frame/frame.h"
 #include "group/group.h"
+#include "group/record_runs.h"
 #include "storage/block.h"
 #include "storage/file.h"
 #include "storage/io.h"
@@ -102,6 +103,7 @@ void unlink_group(mdf_group* g) {
 
 void free_group(mdf_group* g) {
   if (g->buffer != nullptr) mdfFree(g->buffer);
+  release_record_cache(g);
   g->tag = 0;  // a stale handle is refused, not used
   mdfFree(g);
 }
