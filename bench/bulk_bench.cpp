@@ -24,6 +24,7 @@ namespace {
 constexpr uint16_t kGroups = 183;
 constexpr uint16_t kChannels = 200;  // the time channel included
 constexpr uint32_t kRecords = 1800;
+constexpr uintmax_t kFileSize = 264533910;  // as the builder lays the file out
 
 struct Kind {
   uint16_t bits;
@@ -46,6 +47,9 @@ void check(int16_t status, const char* call) {
 // Makes the file unless one of the expected size is there already.
 void ensure_file() {
   static const bool made = [] {
+    check(mdfOpen("KBENCH"), "mdfOpen");
+    std::error_code ec;
+    if (std::filesystem::file_size(bench_file(), ec) == kFileSize) return true;
     mdftest::FileModel f;
     f.id.version = 310;
     f.id.format_id = "3.10    ";
@@ -70,7 +74,6 @@ void ensure_file() {
       }
     }
     mdftest::write_file(bench_file(), mdftest::build(f).bytes);
-    check(mdfOpen("KBENCH"), "mdfOpen");
     return true;
   }();
   (void)made;

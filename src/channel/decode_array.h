@@ -41,6 +41,20 @@ struct ArrayPlan {
   PreparedRule rule;          // for physical values
 };
 
+// A plan kept with a channel handle, with the bytes of the CN and CC images it was made from.
+struct PlanCache {
+  static constexpr std::size_t kKeyBytes = 160;
+  bool valid = false;
+  uint16_t key_length = 0;
+  uint8_t key[kKeyBytes] = {};
+  ArrayPlan plan;
+};
+
+// The plan for (kind, cn, cc, record_size), made again only when the images or the record
+// size differ from those the kept plan was made from.
+const ArrayPlan& cached_plan(PlanCache& cache, ValueKind kind, const uint8_t* cn, uint8_t* cc,
+                             std::size_t record_size);
+
 // Prepares the decoding of `kind` values of channel `cn` (CN image) with rule `cc` (null: none)
 // from records of `record_size` bytes of record data.
 ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, uint8_t* cc, std::size_t record_size);

@@ -91,8 +91,9 @@ int16_t read_values(mdf_group* g, const uint8_t* cn, uint8_t* cc, ValueKind kind
     const int16_t status = decode_array(plan, run.base, run.stride, run.count, out);
     if (status != 0) rule_status = status;
   });
+  // A pending record is in the buffer as it is in the file: the array holds it already.
   const uint32_t cursor = g->record_index;
-  if (cursor >= s.first && cursor - s.first < done) {
+  if (!g->record_pending && cursor >= s.first && cursor - s.first < done) {
     const uint32_t at = cursor - s.first;
     decode_current(g, kind, cn, cc,
                    kind == ValueKind::hex_int ? static_cast<void*>(integers + at)
@@ -120,7 +121,7 @@ int16_t read_bytes(mdf_group* g, const uint8_t* cn, uint8_t* buffer, uint32_t wi
                        width);
   });
   const uint32_t cursor = g->record_index;
-  if (cursor >= s.first && cursor - s.first < done) {
+  if (!g->record_pending && cursor >= s.first && cursor - s.first < done) {
     // The record buffer may be shorter than the record (grown through another handle): the
     // field must fit the bytes it holds, as for mdfChnGetData.
     const std::span<const uint8_t> record = record_span(g);

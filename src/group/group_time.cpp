@@ -28,6 +28,7 @@ uint8_t* time_rule(mdf_group* g) {
 
 // The current record's time; the decoding or conversion status.
 int16_t read_time(mdf_group* g, double* time) {
+  if (int16_t st = load_record(g); st != 0) return st;
   return decode_phy(record_span(g), g->time_channel->image, time_rule(g), time);
 }
 
@@ -145,6 +146,7 @@ int16_t group_get_time(mdf_group* g, double* time) {
 
 int16_t group_set_time(mdf_group* g, double time) {
   if (g->time_channel == nullptr) return raise(MDF_NO_TIME_CHANNEL, "");
+  if (int16_t st = load_record(g); st != 0) return st;
   return encode_phy(record_span(g), g->time_channel->image, time_rule(g), time);
 }
 

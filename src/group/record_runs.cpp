@@ -253,6 +253,23 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
   return 0;
 }
 
+const uint8_t* kept_record(mdf_group* g, uint32_t index) {
+  if (g->file->mode != 0) return nullptr;
+  const RecordCache* c = g->records;
+  if (c != nullptr && c->valid && c->ids == 0 && record_ids(g) == 0 && index >= c->first &&
+      index - c->first < c->count && c->size == record_size(g) &&
+      c->data == load_le32(g->dg->image + dg::kData) &&
+      c->file_size == io::known_size(g->file->io_number)) {
+    // Without identifiers the layout is the data position and the record size; groups with
+    // identifiers are checked in full by fetch_records.
+    return c->bytes.get() + c->lead + std::size_t{index - c->first} * c->stride;
+  }
+  if (!offers_record(g, index)) return nullptr;
+  RecordRun run;
+  if (fetch_records(g, index, 1, &run) != 0) return nullptr;
+  return run.base;
+}
+
 void release_record_cache(mdf_group* g) {
   delete g->records;
   g->records = nullptr;

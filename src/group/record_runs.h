@@ -32,6 +32,11 @@ struct RecordRun {
 // found or read, as the record cursor would fail on it (-2007 without memory).
 int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* run);
 
+// The record data of offered record `index` from the records kept with a group handle of a
+// file open for reading (read into them first when needed); null in files open for
+// modifying or creating, or when the record cannot be read (nothing raised then).
+const uint8_t* kept_record(mdf_group* g, uint32_t index);
+
 // Frees the bytes kept with the group handle.
 void release_record_cache(mdf_group* g);
 
