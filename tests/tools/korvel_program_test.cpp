@@ -62,13 +62,21 @@ class Program : public ::testing::Test {
   fs::path dir = mdftest::scratch_dir("korvel_program");
 
   Outcome korvel(const std::string& args) {
+#if defined(_WIN32)
+    // cmd.exe changes the drive only with /d; the program's standard streams are text
+    // streams there, ending lines with CR LF.
+    const std::string command = "cd /d \"" + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " +
+                                args + " >stdout.txt 2>stderr.txt";
+    const int code = std::system(command.c_str());
+    const auto text = [](std::string s) { return std::erase(s, '\r'), s; };
+    return {code, text(slurp(dir / "stdout.txt")), text(slurp(dir / "stderr.txt"))};
+#else
     const std::string command = "cd \"" + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " + args +
                                 " >stdout.txt 2>stderr.txt";
-    int code = std::system(command.c_str());
-#if !defined(_WIN32)
-    code = WIFEXITED(code) ? WEXITSTATUS(code) : -1;
+    const int code = std::system(command.c_str());
+    return {WIFEXITED(code) ? WEXITSTATUS(code) : -1, slurp(dir / "stdout.txt"),
+            slurp(dir / "stderr.txt")};
 #endif
-    return {code, slurp(dir / "stdout.txt"), slurp(dir / "stderr.txt")};
   }
   // A copy of a sample, so that nothing can change the original.
   void copy_sample(const std::string& name) {
