@@ -86,7 +86,12 @@ def sort(src: PathLike, dst: Optional[PathLike] = None, recount: bool = False,
 def is_sorted(path: PathLike) -> bool:
     """Whether every data group of the file holds one channel group."""
     with lock:
-        status = _lib.lib().mdfTestSort(fs_path(path))
+        L = _lib.lib()
+        if not L.has("mdfTestSort"):  # a library without it: the same test on an open file
+            from ._mdf import File
+            with File(path) as f:
+                return f.is_sorted
+        status = L.mdfTestSort(fs_path(path))
         check(status, os.fspath(path), fail=(Status.FILE_NOT_OPENED,))
         return status == 0
 
