@@ -31,6 +31,7 @@ import numpy as np
 from . import _lib
 from ._lib import check, encode_text, lock
 from ._mdf import File, Group
+from .errors import MdfError
 
 ArrayLike = Union[np.ndarray, Sequence]
 
@@ -85,30 +86,47 @@ def _signals(channels: Union[Mapping[str, ArrayLike], Sequence[Signal]]) -> List
 
 
 class _Column:
-    """A created channel with the values it writes and the setter it writes them with."""
+    """A created channel: its handle, place in the record and the values it writes."""
 
-    def __init__(self, handle: int, code: int, values: np.ndarray) -> None:
+    def __init__(self, handle: int, code: int, bits: int, values: np.ndarray) -> None:
         self.handle = handle
-        self.values = values
         self.code = code
-        if code in (7, 8):
-            self.address = values.ctypes.data
-            self.width = values.dtype.itemsize
-        elif values.dtype.kind in "iub":
-            self.items = values.astype(np.int64).view(np.uint64).tolist() \
-                if values.dtype.kind == "i" else values.astype(np.uint64).tolist()
-        else:
-            self.items = values.astype(np.float64).tolist()
+        self.bits = bits
+        self.values = values
 
-    def put(self, L, i: int, write: bool) -> int:
-        if self.code in (7, 8):
-            fn = L.mdfChnWriteData if write else L.mdfChnSetData
-            return fn(self.handle, self.address + i * self.width, self.width)
-        if self.values.dtype.kind in "iub":
-            fn = L.mdfChnWriteHexInt if write else L.mdfChnSetHexInt
-        else:
-            fn = L.mdfChnWriteHex if write else L.mdfChnSetHex
-        return fn(self.handle, self.items[i])
+    def place(self, L) -> Tuple[int, int]:
+        bit, byte = ctypes.c_uint8(), ctypes.c_uint32()
+        check(L.mdfChnGetBitAndByteOffset(self.handle, byref(bit), byref(byte)), "channel")
+        return byte.value, bit.value
+
+    def field_bytes(self) -> np.ndarray:
+        """The values as the bytes of their record fields, one row per record: integers
+        and floats in the channel's byte order, texts and byte arrays as they are."""
+        v = self.values
+        if self.code in (9, 10, 11, 12):
+            v = v.astype(v.dtype.newbyteorder(">"))
+        elif self.code in (0, 1, 2, 3):
+            v = v.astype(v.dtype.newbyteorder("<"))
+        v = np.ascontiguousarray(v)
+        return v.view(np.uint8).reshape(len(v), v.dtype.itemsize)
+
+
+def _records(L, columns: List[_Column], size: int, n: int) -> np.ndarray:
+    """The records of the group, laid out as the library placed the channels."""
+    records = np.zeros((n, size), dtype=np.uint8)
+    for c in columns:
+        byte, bit = c.place(L)
+        if c.bits == 1:
+            records[:, byte] |= (c.values.astype(np.uint8) & 1) << bit
+            continue
+        if bit != 0 or c.bits % 8 != 0:
+            raise MdfError(-2011, "fatal error", "",
+                           f"channel placed at bit {bit} with {c.bits} bits")
+        width = c.bits // 8
+        if byte + width > size:
+            raise MdfError(-2011, "fatal error", "", "channel placed outside the record")
+        records[:, byte:byte + width] = c.field_bytes()
+    return records
 
 
 def add_group(file: File, time: Optional[ArrayLike],
@@ -147,12 +165,7 @@ def add_group(file: File, time: Optional[ArrayLike],
             columns = _create_channels(L, g.value, time, time_name, time_unit, prepared)
             if comment:
                 check(L.mdfGrpSetText(g.value, encode_text(comment, "comment")), file.path)
-            for i in range(records):
-                # The first channel's Write appends the record before (the first Write
-                # fills record 0); closing the group appends the last one.
-                check(columns[0].put(L, i, True), file.path)
-                for c in columns[1:]:
-                    check(c.put(L, i, False), file.path)
+            _append_records(L, g.value, columns, records, file.path)
         except BaseException:
             # Whatever went wrong, the group is closed so the file can be closed; the
             # file then holds what was written up to here.
@@ -163,6 +176,31 @@ def add_group(file: File, time: Optional[ArrayLike],
         return file.groups[0]
 
 
+def _append_records(L, g: int, columns: List[_Column], n: int, where: str) -> None:
+    """Appends the records: each is laid into the group's record buffer in one copy. The
+    first channel's Write appends the record before (the first Write only counts), and
+    closing the group appends the last one, so the group counts every record."""
+    data = c_void_p()
+    size = L.mdfGrpBuffer(byref(data), g) - 24
+    if size <= 0 or not data.value:
+        raise MdfError(-1002, "bad grouphandle", "", where)
+    records = _records(L, columns, size, n)
+    first = columns[0]
+    write_first = L.mdfChnWriteHexInt if first.code in (0, 1, 9, 10) else L.mdfChnWriteHex
+    if first.code in (7, 8):
+        write_first = None
+    base = records.ctypes.data
+    memmove = ctypes.memmove
+    for i in range(n):
+        if write_first is None:
+            status = L.mdfChnWriteData(first.handle, base + i * size, 0)
+        else:
+            status = write_first(first.handle, 0)
+        if status != 0:
+            check(status, where)
+        memmove(data.value, base + i * size, size)
+
+
 def _create_channels(L, g: int, time, time_name: str, time_unit: str,
                      prepared) -> List[_Column]:
     columns: List[_Column] = []
@@ -170,7 +208,7 @@ def _create_channels(L, g: int, time, time_name: str, time_unit: str,
         ch = c_void_p()
         check(L.mdfChnCreate(byref(ch), g, 1, 64, 3, encode_text(time_name, "name")), time_name)
         check(L.mdfChnSetFormLin(ch.value, encode_text(time_unit, "unit"), 0.0, 1.0), time_name)
-        columns.append(_Column(ch.value, 3, np.asarray(time, dtype=np.float64)))
+        columns.append(_Column(ch.value, 3, 64, np.asarray(time, dtype=np.float64)))
     for s, code, bits, values in prepared:
         ch = c_void_p()
         name = encode_text(s.name, "name")
@@ -183,5 +221,5 @@ def _create_channels(L, g: int, time, time_name: str, time_unit: str,
         if s.description or s.comment:
             check(L.mdfChnSetInfo(ch.value, None, encode_text(s.description or None),
                                   encode_text(s.comment or None)), s.name)
-        columns.append(_Column(ch.value, code, values))
+        columns.append(_Column(ch.value, code, bits, values))
     return columns
