@@ -217,13 +217,15 @@ class File:
         raise KeyError(f"{self.path}: no channel named {name!r}")
 
     def add_group(self, time: Optional[np.ndarray], channels, comment: str = "",
-                  time_name: str = "time", time_unit: str = "s") -> "Group":
+                  time_name: str = "time", time_unit: str = "s") -> None:
         """Appends a channel group of a time channel and data channels (mode "w").
 
         `channels` maps names to numpy arrays, or is a sequence of :class:`Signal`; all
-        hold one value per record. See :mod:`korvel._write` for the data types."""
+        hold one value per record. See :mod:`korvel._write` for the data types. The
+        library puts a created group at the head of the file's list of groups: the group
+        added last is the first of the file."""
         from ._write import add_group
-        return add_group(self, time, channels, comment, time_name, time_unit)
+        add_group(self, time, channels, comment, time_name, time_unit)
 
 
 class Group:
@@ -240,6 +242,10 @@ class Group:
     def _h(self) -> int:
         """The group handle, opened when first needed; call with the lock held."""
         fh = self.file._h()
+        if self.file.mode == "w":
+            # Opening a group of a file being created would create another group.
+            raise ValueError(f"{self.file.path}: groups of a file being written are read "
+                             "after it is closed")
         if self._handle is None or self._owner is not self.file._token:
             handle = c_void_p()
             mode = 1 if self.file.mode == "r+" else 0

@@ -30,7 +30,7 @@ import numpy as np
 
 from . import _lib
 from ._lib import check, encode_text, lock
-from ._mdf import File, Group
+from ._mdf import File
 from .errors import MdfError
 
 ArrayLike = Union[np.ndarray, Sequence]
@@ -131,13 +131,12 @@ def _records(L, columns: List[_Column], size: int, n: int) -> np.ndarray:
 
 def add_group(file: File, time: Optional[ArrayLike],
               channels: Union[Mapping[str, ArrayLike], Sequence[Signal]],
-              comment: str = "", time_name: str = "time", time_unit: str = "s") -> Group:
+              comment: str = "", time_name: str = "time", time_unit: str = "s") -> None:
     """Writes a channel group into a file open in mode "w": a time channel (float64
     seconds, none when `time` is None) and one channel per signal, one record per value.
 
     The library puts a created group at the head of the file's list of groups, so the
-    group added last is group 1 of the file; the returned :class:`Group` is numbered as
-    the file stands after the call."""
+    group added last is group 1 of the file."""
     if file.mode != "w":
         raise ValueError("groups are added to files opened with mode 'w'")
     signals = _signals(channels)
@@ -173,7 +172,6 @@ def add_group(file: File, time: Optional[ArrayLike],
             raise
         check(L.mdfGrpClose(g.value), file.path)
         file._groups = None
-        return file.groups[0]
 
 
 def _append_records(L, g: int, columns: List[_Column], n: int, where: str) -> None:

@@ -120,6 +120,16 @@ def test_unsupported_values(tmp_path, bad, error):
         assert f.groups == []
 
 
-def test_groups_are_added_only_in_write_mode(written):
-    with korvel.open(written[0]) as f, pytest.raises(ValueError):
+def test_modes(written, tmp_path):
+    path = written[0]
+    with korvel.open(path) as f, pytest.raises(ValueError):
         f.add_group(np.zeros(3), {"x": np.zeros(3)})
+    with korvel.open(path, "r+") as f:
+        f.set_header(project="changed")
+        assert f.groups[1].records == N
+    with korvel.open(path) as f:
+        assert (f.project, f.author) == ("changed", "pytest")
+    with korvel.open(tmp_path / "new.mdf", "w") as f:
+        f.add_group(np.zeros(3), {"x": np.zeros(3)})
+        with pytest.raises(ValueError, match="after it is closed"):
+            f.groups[0].records
