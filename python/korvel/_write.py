@@ -160,6 +160,7 @@ def add_group(file: File, time: Optional[ArrayLike],
         fh = file._h()
         g = c_void_p()
         check(L.mdfGrpOpen(byref(g), fh, 1, 2), file.path)
+        generation = L.generation
         try:
             columns = _create_channels(L, g.value, time, time_name, time_unit, prepared)
             if comment:
@@ -167,8 +168,10 @@ def add_group(file: File, time: Optional[ArrayLike],
             _append_records(L, g.value, columns, records, file.path)
         except BaseException:
             # Whatever went wrong, the group is closed so the file can be closed; the
-            # file then holds what was written up to here.
-            L.mdfGrpClose(g.value)
+            # file then holds what was written up to here. After a library reset the
+            # handle is gone already.
+            if L.generation == generation:
+                L.mdfGrpClose(g.value)
             raise
         check(L.mdfGrpClose(g.value), file.path)
         file._groups = None
