@@ -318,7 +318,8 @@ class Group:
 
     def to_pandas(self, raw: bool = False):
         """The group as a pandas DataFrame: index the time (named after the time channel;
-        a plain range without one), one column per other channel."""
+        a plain range without one), one column per other channel (strings and byte
+        arrays as Python bytes)."""
         import pandas as pd
 
         time_channel = self.time_channel
@@ -329,7 +330,12 @@ class Group:
             name = ch.name
             while name in columns:  # channel names need not be unique
                 name += "_"
-            columns[name] = ch.values(raw=raw)
+            values = ch.values(raw=raw)
+            if values.dtype.kind == "V":  # pandas handles no void arrays: Python bytes
+                values = np.array([v.tobytes() for v in values] or [], dtype=object)
+            elif values.dtype.kind == "S":
+                values = values.astype(object)
+            columns[name] = values
         if time_channel is not None:
             index = pd.Index(self.time, name=time_channel.name)
         else:

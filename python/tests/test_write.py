@@ -104,6 +104,8 @@ def test_to_pandas(written):
         assert list(frame.columns) == list(CASES)
         assert frame.index.name == "time" and np.array_equal(frame.index, time)
         assert np.array_equal(frame["i16"], CASES["i16"][0].astype(float))
+        assert list(frame["bytes"]) == [v.tobytes() for v in CASES["bytes"][0]]
+        assert list(frame["text"]) == list(CASES["text"][0]) and repr(frame)
         assert isinstance(scaled.to_pandas().index, pd.RangeIndex)
 
 
