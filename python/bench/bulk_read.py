@@ -13,7 +13,6 @@ every channel's physical values (one bulk call per channel); reading the file's 
 from __future__ import annotations
 
 import argparse
-import os
 import sys
 import tempfile
 import time

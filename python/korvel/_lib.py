@@ -21,9 +21,9 @@ import tempfile
 import threading
 from ctypes import (POINTER, c_char_p, c_double, c_int, c_int16, c_int32, c_uint8, c_uint16,
                     c_uint32, c_uint64, c_void_p)
-from typing import Callable, Iterable, List, Optional, Sequence
+from typing import Iterable, List, Optional
 
-from .errors import LibraryNotFoundError, MdfError, make_error
+from .errors import LibraryNotFoundError, make_error
 
 #: Serialises every call into the library (re-entrant: sort callbacks run on the caller's
 #: thread while the lock is held).
@@ -312,14 +312,3 @@ def fixed_text(address: Optional[int], width: int) -> str:
 def c_text(address: Optional[int]) -> str:
     """A terminated text handed out by the library."""
     return _text(address) if address else ""
-
-
-def out_pointers(n: int) -> Sequence[c_void_p]:
-    return [c_void_p() for _ in range(n)]
-
-
-def by_ref(values: Sequence) -> list:
-    return [ctypes.byref(v) for v in values]
-
-
-Callback = Callable[..., object]

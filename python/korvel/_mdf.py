@@ -19,7 +19,7 @@ import numpy as np
 
 from . import _lib
 from ._lib import c_text, check, encode_text, fixed_text, fs_path, lock
-from .errors import MdfError, NotFoundError, Status
+from .errors import MdfError, Status
 
 MODES = {"r": 0, "r+": 1, "w": 2}
 

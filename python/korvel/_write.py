@@ -24,7 +24,7 @@ from __future__ import annotations
 import ctypes
 from ctypes import byref, c_void_p
 from dataclasses import dataclass
-from typing import Dict, List, Mapping, Optional, Sequence, Tuple, Union
+from typing import List, Mapping, Optional, Sequence, Tuple, Union
 
 import numpy as np
 

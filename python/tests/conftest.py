@@ -9,7 +9,6 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-import korvel  # noqa: E402
 from korvel import _lib  # noqa: E402
 
 SAMPLES = Path(os.environ.get("KORVEL_SAMPLES",
