@@ -238,6 +238,8 @@ class Group:
         self._token: Optional[object] = None
         self._owner: Optional[object] = None
         self._channels: Optional[ChannelList] = None
+        self._count = 0
+        self._count_token: Optional[object] = None
 
     def _h(self) -> int:
         """The group handle, opened when first needed; call with the lock held."""
@@ -263,9 +265,17 @@ class Group:
     def records(self) -> int:
         """Number of records."""
         with lock:
+            return self._records()
+
+    def _records(self) -> int:
+        """The record count, asked once per group handle (reading and modifying in place
+        never change it); call with the lock held."""
+        h = self._h()
+        if self._count_token is not self._token:
             n = c_uint32()
-            check(_lib.lib().mdfGrpRecords(byref(n), self._h()), repr(self))
-            return n.value
+            check(_lib.lib().mdfGrpRecords(byref(n), h), repr(self))
+            self._count, self._count_token = n.value, self._token
+        return self._count
 
     def __len__(self) -> int:
         return self.records
@@ -306,7 +316,7 @@ class Group:
         with lock:
             L = _lib.lib()
             h = self._h()
-            count = _span(self.records, first, count)
+            count = _span(self._records(), first, count)
             out = np.empty(count, dtype=np.float64)
             done = c_uint32()
             status = L.mdfGrpReadTimeArray(out.ctypes.data_as(c_void_p), byref(done), h,
@@ -316,6 +326,40 @@ class Group:
             check(status, repr(self))
             return out[: done.value]
 
+    def arrays(self, raw: bool = False) -> Dict[str, np.ndarray]:
+        """Every channel's values, by name in channel order (a repeated name gets "_"
+        appended), as :meth:`Channel.values` gives them. Physical values of all numeric
+        channels are read into one block, one library call per channel."""
+        with lock:
+            channels = list(self.channels)
+            records = self._records()
+            names: List[str] = []
+            for ch in channels:
+                name = ch.name
+                while name in names:  # channel names need not be unique
+                    name += "_"
+                names.append(name)
+            result: Dict[str, np.ndarray] = {}
+            rows = [i for i, ch in enumerate(channels)
+                    if not raw and ch.raw_dtype().kind not in "SV"]
+            if rows:
+                L = _lib.lib()
+                block = np.empty((len(rows), records), dtype=np.float64)
+                base, stride = block.ctypes.data, records * 8
+                read = L.mdfChnReadPhyArray
+                done = c_uint32()
+                done_ref = byref(done)
+                for row, i in enumerate(rows):
+                    ch = channels[i]
+                    status = read(base + row * stride, done_ref, ch._h(), 0, records)
+                    if status != 0:
+                        check(status, ch._where())
+                    result[names[i]] = block[row, : done.value]
+            for i, ch in enumerate(channels):
+                if names[i] not in result:
+                    result[names[i]] = ch.values(raw=raw)
+            return {name: result[name] for name in names}
+
     def to_pandas(self, raw: bool = False):
         """The group as a pandas DataFrame: index the time (named after the time channel;
         a plain range without one), one column per other channel (strings and byte
@@ -324,13 +368,10 @@ class Group:
 
         time_channel = self.time_channel
         columns: Dict[str, np.ndarray] = {}
-        for ch in self.channels:
+        arrays = self.arrays(raw=raw)
+        for ch, (name, values) in zip(self.channels, arrays.items()):
             if ch is time_channel:
                 continue
-            name = ch.name
-            while name in columns:  # channel names need not be unique
-                name += "_"
-            values = ch.values(raw=raw)
             if values.dtype.kind == "V":  # pandas handles no void arrays: Python bytes
                 values = np.array([v.tobytes() for v in values] or [], dtype=object)
             elif values.dtype.kind == "S":
@@ -581,6 +622,12 @@ class Channel:
 
     def raw_dtype(self) -> np.dtype:
         """The numpy type of the channel's raw values."""
+        p = self._properties()
+        if "dtype" not in p:
+            p["dtype"] = self._raw_dtype()
+        return p["dtype"]  # type: ignore[return-value]
+
+    def _raw_dtype(self) -> np.dtype:
         t, bits = self.data_type, self.bits
         if t in _SIGNED:
             return _int_dtype(bits, True)
@@ -608,7 +655,7 @@ class Channel:
         with lock:
             L = _lib.lib()
             h = self._h()
-            count = _span(self.group.records, first, count)
+            count = _span(self.group._records(), first, count)
             done = c_uint32()
             where = self._where()
             if dtype.kind in "SV":

@@ -80,10 +80,12 @@ def test_values_match(sample, stem):
     with korvel.open(path) as f:
         for g, wg in zip(f.groups, want):
             n = g.records
-            for c, wc in zip(g.channels, wg["channels"]):
+            arrays = g.arrays()
+            for c, wc, whole in zip(g.channels, wg["channels"], arrays.values()):
                 where = f"{stem} group {g.number} {c.name}"
                 raw, phys = c.values(raw=True), c.values()
                 assert len(raw) == len(phys) == n, where
+                assert whole.tobytes() == phys.tobytes(), where
                 tail = len(wc["raw_last"])
                 assert as_json(raw[:20], c) == wc["raw_first"], where
                 assert as_json(raw[n - tail:], c) == wc["raw_last"], where
