@@ -334,11 +334,13 @@ class Group:
             channels = list(self.channels)
             records = self._records()
             names: List[str] = []
+            taken = set()
             for ch in channels:
                 name = ch.name
-                while name in names:  # channel names need not be unique
+                while name in taken:  # channel names need not be unique
                     name += "_"
                 names.append(name)
+                taken.add(name)
             result: Dict[str, np.ndarray] = {}
             rows = [i for i, ch in enumerate(channels)
                     if not raw and ch.raw_dtype().kind not in "SV"]
