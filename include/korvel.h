@@ -678,6 +678,52 @@ KORVEL_API int16_t mdfTestSort(const char* name);
  * -2007, -2012) or of the file close. */
 KORVEL_API int16_t mdfDump(const char* name, uint32_t hex);
 
+/* =======================================================================================
+ * Korvel additions to the classic interface: array reads
+ *
+ * One channel over a range of records into the caller's array, read in large pieces from the
+ * data section. `first` is the 0-based index of the first record of the channel's group and
+ * `count` the number of values asked for; *done (may be NULL) receives the number of values
+ * stored, which is fewer than `count` at the end of the group. Every value is bit for bit
+ * the one mdfChnGetPhy / mdfChnGetHex / mdfChnGetHexInt give for the same record, in sorted
+ * and unsorted data groups; the record at the group's cursor is taken from the record buffer,
+ * as those functions take it. The group's record cursor and record buffer do not move and
+ * the channel's read counter does not change.
+ *
+ * Statuses, as for the per-value functions (a stored error is returned first, the result is
+ * the last status):
+ *   0      all `count` values read (also for count 0);
+ *   1      fewer than `count` values: the group ends (none when `first` is at or past it);
+ *   1016   bytes only: start bit or bit count not a multiple of 8 (*done 0);
+ *   1020   the layout cannot be decoded (as for the per-value function; *done 0, nothing
+ *          stored);
+ *   1021   physical values only: unsupported conversion rule; the values stored are the raw
+ *          values, as mdfChnGetPhy gives them (takes precedence over 1);
+ *   -1002 / -1003  bad group / channel handle (raised);
+ *   -2004  a record of the range cannot be read (damaged file, raised); *done counts the
+ *          values stored before it;
+ *   -2011  invalid argument (raised, as for a NULL handle out of the open functions): a NULL
+ *          array with `count` above 0, or a slot width below the channel's byte size.
+ * ===================================================================================== */
+
+/* Physical values (mdfChnGetPhy), raw values as double (mdfChnGetHex) and raw values as
+ * unsigned 64-bit integers, two's complement for signed types (mdfChnGetHexInt). */
+KORVEL_API int16_t mdfChnReadPhyArray(double* values, uint32_t* done, channelnode* channel,
+                                      uint32_t first, uint32_t count);
+KORVEL_API int16_t mdfChnReadHexArray(double* values, uint32_t* done, channelnode* channel,
+                                      uint32_t first, uint32_t count);
+KORVEL_API int16_t mdfChnReadHexIntArray(uint64_t* values, uint32_t* done, channelnode* channel,
+                                         uint32_t first, uint32_t count);
+/* Physical times of the group's time channel (mdfGrpGetTime); 1003 (raised) without one. */
+KORVEL_API int16_t mdfGrpReadTimeArray(double* times, uint32_t* done, mdf_group* group,
+                                       uint32_t first, uint32_t count);
+/* Raw bytes of string, byte-array and other byte-aligned channels (mdfChnGetData), `width`
+ * bytes per value in `buffer` (count * width bytes): the channel's bit count / 8 bytes, a
+ * string up to and including its first zero byte, the rest of each slot zero. A width below
+ * the channel's bit count / 8 gives -2011. */
+KORVEL_API int16_t mdfChnReadBytesArray(uint8_t* buffer, uint32_t width, uint32_t* done,
+                                        channelnode* channel, uint32_t first, uint32_t count);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

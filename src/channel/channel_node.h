@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "channel/decode_array.h"
 #include "korvel.h"
 #include "storage/node.h"
 
@@ -14,6 +15,7 @@ struct channelnode {
   uint16_t read_steps = 0;      // read calls made; while 0 a read stays on the record
   uint16_t write_steps = 0;     // write calls made; while 0 a write stays on the record
   channelnode* next = nullptr;  // next open channel, in order of opening
+  korvel::PlanCache plan;       // decoding prepared for the value reads
 };
 
 namespace korvel {

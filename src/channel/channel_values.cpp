@@ -8,9 +8,12 @@
 #include "channel/channel_node.h"
 #include "channel/channel_steps.h"
 #include "channel/decode.h"
+#include "channel/decode_array.h"
 #include "channel/encode.h"
 #include "frame/api.h"
 #include "group/group.h"
+#include "group/record_runs.h"
+#include "storage/io.h"
 
 namespace korvel {
 namespace {
@@ -61,29 +64,77 @@ int16_t value_call(channelnode* channel, Body&& body) {
 
 // Raw bytes into the caller's buffer; a missing buffer or length takes no bytes.
 int16_t get_data(channelnode* ch, uint8_t* data, uint32_t* length) {
+  if (int16_t st = load_record(ch->group); st != 0) {
+    if (length != nullptr) *length = 0;
+    return st;
+  }
   uint32_t room = (data != nullptr && length != nullptr) ? *length : 0;
   const int16_t st = decode_data(record_of(ch), ch->cn->image, data, &room);
   if (length != nullptr) *length = room;
   return st;
 }
 
+// A value of a record that is not in the buffer yet, from the bytes of its field alone (read
+// through the file's read-ahead window): the value and status the decoder gives on the whole
+// record. False when the layout needs the whole record; the caller then loads it.
+bool decode_pending(channelnode* ch, ValueKind kind, void* out, int16_t* status) {
+  mdf_group* g = ch->group;
+  if (!g->record_pending) return false;
+  const ArrayPlan& plan = cached_plan(ch->plan, kind, ch->cn->image, conversion_of(ch),
+                                      record_size(g));
+  if (plan.status != 0) {
+    *status = plan.status;
+    return true;
+  }
+  if (plan.load == ArrayPlan::Load::single) return false;
+  // In a file open for reading the record usually lies in the records kept for array reads.
+  if (const uint8_t* record = kept_record(g, g->record_index); record != nullptr) {
+    *status = decode_array(plan, record, 0, 1, out);
+    return true;
+  }
+  uint8_t field[8];
+  const uint16_t number = g->file->io_number;
+  if (io::seek(number, static_cast<int64_t>(g->pending_at + plan.byte_offset), 0) != 0 ||
+      io::read(field, static_cast<uint16_t>(plan.byte_span), number) != 0) {
+    *status = raise(MDF_ERR_FORMAT, "");
+    return true;
+  }
+  ArrayPlan at_field = plan;
+  at_field.byte_offset = 0;
+  *status = decode_array(at_field, field, 0, 1, out);
+  return true;
+}
+
 int16_t get_hex(channelnode* ch, double* value) {
   double v = 0.0;
-  const int16_t st = decode_hex(record_of(ch), ch->cn->image, &v);
-  if (value != nullptr) *value = v;
+  int16_t st = 0;
+  if (!decode_pending(ch, ValueKind::hex, &v, &st)) {
+    if (st = load_record(ch->group); st == 0) st = decode_hex(record_of(ch), ch->cn->image, &v);
+  }
+  if (value != nullptr) *value = st == 0 ? v : 0.0;
   return st;
 }
 
 int16_t get_hex_int(channelnode* ch, uint64_t* value) {
   uint64_t v = 0;
-  const int16_t st = decode_hex_int(record_of(ch), ch->cn->image, &v);
-  if (value != nullptr) *value = v;
+  int16_t st = 0;
+  if (!decode_pending(ch, ValueKind::hex_int, &v, &st)) {
+    if (st = load_record(ch->group); st == 0) {
+      st = decode_hex_int(record_of(ch), ch->cn->image, &v);
+    }
+  }
+  if (value != nullptr) *value = st == 0 ? v : 0;
   return st;
 }
 
 int16_t get_phy(channelnode* ch, double* value) {
   double v = 0.0;
-  const int16_t st = decode_phy(record_of(ch), ch->cn->image, conversion_of(ch), &v);
+  int16_t st = 0;
+  if (!decode_pending(ch, ValueKind::phy, &v, &st)) {
+    if (st = load_record(ch->group); st == 0) {
+      st = decode_phy(record_of(ch), ch->cn->image, conversion_of(ch), &v);
+    }
+  }
   if (value != nullptr) *value = v;
   return st;
 }
@@ -94,16 +145,20 @@ void clear_data(uint8_t* data, uint32_t* length) {
 }
 
 int16_t set_data(channelnode* ch, const uint8_t* data, uint32_t length) {
+  if (int16_t st = load_record(ch->group); st != 0) return st;
   if (data == nullptr) length = 0;
   return encode_data(writable_record_of(ch), ch->cn->image, data, length);
 }
 int16_t set_hex(channelnode* ch, double value) {
+  if (int16_t st = load_record(ch->group); st != 0) return st;
   return encode_hex(writable_record_of(ch), ch->cn->image, value);
 }
 int16_t set_hex_int(channelnode* ch, uint64_t value) {
+  if (int16_t st = load_record(ch->group); st != 0) return st;
   return encode_hex_int(writable_record_of(ch), ch->cn->image, value);
 }
 int16_t set_phy(channelnode* ch, double value) {
+  if (int16_t st = load_record(ch->group); st != 0) return st;
   return encode_phy(writable_record_of(ch), ch->cn->image, conversion_of(ch), value);
 }
 

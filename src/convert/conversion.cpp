@@ -186,6 +186,72 @@ int16_t to_physical(uint8_t* cc, double x, double* y) {
   }
 }
 
+PreparedRule prepare_rule(uint8_t* cc) {
+  PreparedRule prepared;
+  if (cc == nullptr) return prepared;
+  Rule r(cc);
+  prepared.cc = cc;
+  prepared.kind = PreparedRule::Kind::general;
+  if (!r.readable()) return prepared;
+  switch (r.type()) {
+    case MDF_CC_FRM_LIN:
+      prepared.kind = PreparedRule::Kind::linear;
+      prepared.p[0] = r.p(2);
+      prepared.p[1] = r.p(1);
+      break;
+    case MDF_CC_FRM_VTABR:
+      prepared.kind = PreparedRule::Kind::linear;
+      prepared.p[0] = r.extra_factor();
+      prepared.p[1] = r.extra_offset();
+      break;
+    case MDF_CC_FRM_VTAB:
+    case MDF_CC_FRM_NON:
+      prepared.kind = PreparedRule::Kind::identity;
+      break;
+    case MDF_CC_FRM_POL:
+    case MDF_CC_FRM_RAT:
+      prepared.kind = r.type() == MDF_CC_FRM_POL ? PreparedRule::Kind::polynomial
+                                                 : PreparedRule::Kind::rational;
+      for (uint32_t k = 0; k < 6; ++k) prepared.p[k] = r.p(k + 1);
+      break;
+    default:
+      break;
+  }
+  return prepared;
+}
+
+int16_t to_physical_array(const PreparedRule& rule, double* values, std::size_t n) {
+  // The expressions are those of to_physical, term for term, so that every value is the same.
+  const double* p = rule.p;
+  switch (rule.kind) {
+    case PreparedRule::Kind::identity:
+      return MDF_OK;
+    case PreparedRule::Kind::linear: {
+      const double factor = p[0], offset = p[1];
+      for (std::size_t i = 0; i < n; ++i) values[i] = values[i] * factor + offset;
+      return MDF_OK;
+    }
+    case PreparedRule::Kind::polynomial:
+      for (std::size_t i = 0; i < n; ++i) {
+        double u = values[i] - p[4];
+        values[i] = (p[1] - p[3] * u) / (p[2] * u - p[0]);
+      }
+      return MDF_OK;
+    case PreparedRule::Kind::rational:
+      for (std::size_t i = 0; i < n; ++i) {
+        const double x = values[i];
+        double d = p[3] * x * x + p[4] * x + p[5];
+        values[i] = d == 0.0 ? 0.0 : (p[0] * x * x + p[1] * x + p[2]) / d;
+      }
+      return MDF_OK;
+    case PreparedRule::Kind::general:
+      break;
+  }
+  int16_t status = MDF_OK;
+  for (std::size_t i = 0; i < n; ++i) status = to_physical(rule.cc, values[i], &values[i]);
+  return status;
+}
+
 int16_t to_physical_signed(uint8_t* cc, int64_t x, double* y) {
   return to_physical(cc, static_cast<double>(x), y);
 }

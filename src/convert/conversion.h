@@ -10,6 +10,7 @@
 // A null CC image is the identity.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace korvel {
@@ -22,6 +23,34 @@ int16_t to_physical(uint8_t* cc, double x, double* y);
 // turned into a double (unsigned values of 2^63 and above stay positive).
 int16_t to_physical_signed(uint8_t* cc, int64_t x, double* y);
 int16_t to_physical_unsigned(uint8_t* cc, uint64_t x, double* y);
+
+// A conversion rule taken apart once, for converting many values: the arithmetic rules
+// (identity, linear, verbal range table scaling, polynomial, rational) keep their parameters;
+// every other rule is applied through to_physical. Each value converted through a prepared rule
+// is bit for bit the one to_physical gives for the same image.
+struct PreparedRule {
+  enum class Kind : uint8_t { identity, linear, polynomial, rational, general };
+  Kind kind = Kind::identity;
+  double p[6] = {};       // linear: factor, offset; polynomial: P1..P5; rational: P1..P6
+  uint8_t* cc = nullptr;  // the image, for the general kind
+};
+PreparedRule prepare_rule(uint8_t* cc);
+// Converts values[0..n) in place; returns the status to_physical gives for every value of
+// this rule (0 or 1021; with 1021 the values stay raw).
+int16_t to_physical_array(const PreparedRule& rule, double* values, std::size_t n);
+// One value through a prepared rule.
+inline int16_t to_physical_prepared(const PreparedRule& rule, double x, double* y) {
+  switch (rule.kind) {
+    case PreparedRule::Kind::identity:
+      *y = x;
+      return 0;
+    case PreparedRule::Kind::linear:
+      *y = x * rule.p[0] + rule.p[1];
+      return 0;
+    default:
+      return to_physical_array(rule, &(*y = x), 1);
+  }
+}
 
 // Inverse conversion of a physical value y into the raw value *x. Returns 0, or 1021 for a
 // text formula or an unsupported rule type; the caller then stores nothing (*x is set to y).

@@ -8,6 +8,10 @@
 #include "korvel.h"
 #include "storage/node.h"
 
+namespace korvel {
+struct RecordCache;
+}
+
 struct mdf_group {
   uint32_t tag = korvel::kGroupTag;
   mdf_file* file = nullptr;
@@ -26,6 +30,15 @@ struct mdf_group {
   uint64_t record_position = 0;  // file offset of the current record (of its identifier)
   uint32_t record_index = 0;     // index of the current record within this channel group
   mdf_group* next = nullptr;     // next open group, in order of opening
+  korvel::RecordCache* records = nullptr;  // records kept for array reads, or null
+  // A record found by a seek is copied into the buffer only when something looks at it:
+  // while `record_pending` is set, its `pending_length` bytes (record data and a trailing
+  // identifier) lie in the file at `pending_at`. Once mdfGrpBuffer has handed out the
+  // buffer's address, records are copied at every seek.
+  bool record_pending = false;
+  bool buffer_shown = false;
+  uint32_t pending_length = 0;
+  uint64_t pending_at = 0;
 };
 
 namespace korvel {
@@ -53,6 +66,10 @@ inline std::span<uint8_t> record_span(mdf_group* g) {
   const uint32_t room = g->buffer_capacity - kRecordDataOffset - kBufferExtra;
   return {record_data(g), std::min<uint32_t>(record_size(g), room)};
 }
+
+// Copies a pending record into the buffer; -2004 (raised) when it cannot be read. Every
+// reader and writer of the buffer calls it first.
+int16_t load_record(mdf_group* g);
 
 // Makes room for a grown record size, keeping the record's bytes.
 int16_t refresh_record_layout(mdf_group* g);

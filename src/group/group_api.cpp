@@ -11,6 +11,7 @@
 #include "frame/bytes.h"
 #include "frame/frame.h"
 #include "group/group.h"
+#include "group/record_runs.h"
 #include "storage/block.h"
 #include "storage/file.h"
 #include "storage/io.h"
@@ -102,6 +103,7 @@ void unlink_group(mdf_group* g) {
 
 void free_group(mdf_group* g) {
   if (g->buffer != nullptr) mdfFree(g->buffer);
+  release_record_cache(g);
   g->tag = 0;  // a stale handle is refused, not used
   mdfFree(g);
 }
@@ -148,11 +150,10 @@ int16_t read_record(mdf_group* g, bool scan_only) {
     if (!fits(at, length)) return raise(MDF_ERR_FORMAT, "");
     if (owner == g->cg) {
       if (scan_only) return 0;
-      if (io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
-          (length != 0 && io::read_bulk(record_data(g), length, number) != 0)) {
-        return raise(MDF_ERR_FORMAT, "");
-      }
-      return 0;
+      g->record_pending = true;
+      g->pending_at = at;
+      g->pending_length = length;
+      return g->buffer_shown ? load_record(g) : 0;
     }
     g->record_position = at + length;
   }
@@ -215,6 +216,7 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
 // Writes the record buffer at the record position.
 int16_t store_record(mdf_group* g) {
   if (int16_t st = refresh_record_layout(g); st != 0) return st;
+  if (int16_t st = load_record(g); st != 0) return st;
   const uint16_t number = g->file->io_number;
   const uint16_t ids = record_ids(g);
   const uint32_t size = record_size(g);
@@ -525,6 +527,19 @@ bool offers_record(const mdf_group* g, uint32_t index) {
   return static_cast<int64_t>((uint64_t{index} + 1) * (size + record_ids(g))) <= room;
 }
 
+int16_t load_record(mdf_group* g) {
+  if (!g->record_pending) return 0;
+  g->record_pending = false;
+  const uint16_t number = g->file->io_number;
+  const uint32_t room = g->buffer_capacity - kRecordDataOffset;
+  const uint32_t length = std::min(g->pending_length, room);
+  if (io::seek(number, static_cast<int64_t>(g->pending_at), 0) != 0 ||
+      (length != 0 && io::read_bulk(record_data(g), length, number) != 0)) {
+    return raise(MDF_ERR_FORMAT, "");
+  }
+  return 0;
+}
+
 int16_t refresh_record_layout(mdf_group* g) {
   const uint32_t needed = record_size(g) + 1u + kBufferExtra + kRecordDataOffset;
   if (needed <= g->buffer_capacity) return 0;
@@ -651,6 +666,9 @@ KORVEL_API int32_t mdfGrpBuffer(uint8_t** data, mdf_group* group) {
     if (data != nullptr) *data = nullptr;
     return 0;
   }
+  // From now on the caller may read the buffer at any time: it holds every record sought.
+  group->buffer_shown = true;
+  (void)load_record(group);
   if (data != nullptr) *data = record_data(group);
   return static_cast<int32_t>(record_size(group)) + static_cast<int32_t>(kBufferExtra);
 }

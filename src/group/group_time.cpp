@@ -28,6 +28,7 @@ uint8_t* time_rule(mdf_group* g) {
 
 // The current record's time; the decoding or conversion status.
 int16_t read_time(mdf_group* g, double* time) {
+  if (int16_t st = load_record(g); st != 0) return st;
   return decode_phy(record_span(g), g->time_channel->image, time_rule(g), time);
 }
 
@@ -95,10 +96,13 @@ int16_t take_neighbour(mdf_group* g, double target, uint32_t lo, uint32_t hi, ui
   }
 }
 
-// Sorted data group: binary search over the record indices. All index arithmetic is
-// unsigned 32-bit on purpose: a target before record 0 drives `hi` below 0, which wraps,
-// and the next probe (index 2^31 - 1) lies past the records, so the search ends with
-// status 1 and the cursor on record 0.
+// Sorted data group: binary search over the record indices, unsigned 32-bit. A target
+// before record 0 ends the search with status 1 and the cursor on record 0: in a group of
+// fewer than 2^31 records that is where `hi` wrapping below 0 leads (the next probe, index
+// 2^31 - 1, lies past the records), and in a larger group, where that probe would find a
+// record and the search would go round for ever, the search stops there at once. The
+// midpoint is taken as lo + (hi - lo) / 2, which equals the 32-bit (lo + hi) / 2 wherever
+// that sum does not wrap, and in groups of more than 2^31 records never falls below `lo`.
 int16_t search_time(mdf_group* g, double current, double target, uint16_t choice) {
   const uint32_t count = record_count(g);
   const uint32_t last = count - 1;
@@ -117,10 +121,11 @@ int16_t search_time(mdf_group* g, double current, double target, uint16_t choice
   uint32_t mid = last;
   if (lo <= last) {
     do {
-      mid = (lo + hi) / 2;
+      mid = lo + (hi - lo) / 2;
       double time = 0.0;
       if (int16_t st = probe(g, mid, &time); st != 0) return st;
       if (time > target) {
+        if (mid == 0) return MDF_END_OF_GROUP;
         hi = mid - 1;
       } else if (target > time) {
         lo = mid + 1;
@@ -145,6 +150,7 @@ int16_t group_get_time(mdf_group* g, double* time) {
 
 int16_t group_set_time(mdf_group* g, double time) {
   if (g->time_channel == nullptr) return raise(MDF_NO_TIME_CHANNEL, "");
+  if (int16_t st = load_record(g); st != 0) return st;
   return encode_phy(record_span(g), g->time_channel->image, time_rule(g), time);
 }
 

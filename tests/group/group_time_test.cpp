@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <optional>
@@ -212,6 +213,40 @@ TEST_F(GroupTime, TriggersReadFromFiles) {
     for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i < 3 ? double(i + 1) : 0.0) << i;
     reset();
   }
+}
+
+// A sorted group of 2^31 + 100 one-byte records (a sparse file), times 0 but the last 1: the
+// search neither wraps its midpoint nor goes round for ever below record 0.
+TEST_F(GroupTime, SeekTimeBeyondTwoToThe31Records) {
+  constexpr uint32_t kCount = (1u << 31) + 100;
+  mdftest::FileModel f;
+  f.data_at_end = true;
+  auto& cg = f.add_data_group().add_channel_group(1);
+  cg.add_channel("t", 0, 8, 0, MDF_CHN_TIME);
+  cg.add_record();
+  auto built = mdftest::build(f);
+  built.patch_u32(built.data_groups[0].channel_groups[0].offset + mdftest::off::cg_record_count,
+                  kCount);
+  const uint64_t end = uint64_t{built.data_groups[0].data} + kCount;
+  mdftest::write_file(path(), built.bytes);
+  std::filesystem::resize_file(path(), end);
+  {
+    std::fstream out(path(), std::ios::in | std::ios::out | std::ios::binary);
+    out.seekp(static_cast<std::streamoff>(end - 1));
+    out.put(1);
+  }
+  mdf_group* g = open(nullptr);
+  // {start record, time, mode, status, record}
+  const double cases[][5] = {{0, -1.0, 0, 1, 0}, {kCount - 50.0, -1.0, 5, 1, 0},
+                             {kCount - 50.0, 0.5, 0, 0, kCount - 1.0},
+                             {kCount - 50.0, 0.5, 3, 0, kCount - 2.0}};
+  for (const auto& [start, time, mode, status, at] : cases) {
+    SCOPED_TRACE(testing::Message() << start << " " << time << " " << mode);
+    ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(static_cast<uint32_t>(start)), MDF_SEEK_ABS), 0);
+    EXPECT_EQ(mdfGrpSeekTime(g, time, static_cast<uint16_t>(mode)), status);
+    EXPECT_EQ(tell(g), static_cast<uint32_t>(at));
+  }
+  EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
 TEST_F(GroupTime, RefusalsAndBadHandles) {

@@ -1,0 +1,397 @@
+// Array reads against the per-value functions: a table of layouts (data types, bit positions,
+// byte orders) times conversion rules, in sorted and unsorted data groups, the range edges,
+// damaged data sections and the sample files.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "korvel.h"
+#include "support/mdf_builder.h"
+#include "support/scratch.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint16_t kRecord = 24;  // record data bytes of the table's channel group
+constexpr uint32_t kRecords = 37;
+
+struct Layout {
+  uint16_t code, first_bit, bits;
+};
+
+// Integer codes at aligned and odd positions (spans of 1 to 8 bytes), floats, VAX, strings,
+// byte arrays, and layouts the decoders refuse.
+std::vector<Layout> layouts() {
+  std::vector<Layout> out;
+  for (int code : {0, 1, 9, 10, 13, 14}) {
+    for (auto [first, bits] : {std::pair{0, 8}, {8, 16}, {16, 32}, {64, 64}, {3, 1}, {5, 12},
+                               {13, 24}, {7, 32}, {11, 40}, {2, 63}, {130, 64}}) {
+      out.push_back({static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
+    }
+  }
+  for (int code : {2, 3, 11, 12, 15, 16}) {
+    for (auto [first, bits] : {std::pair{0, 32}, {64, 32}, {64, 64}, {3, 32}, {0, 16}}) {
+      out.push_back({static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
+    }
+  }
+  out.push_back({4, 32, 32});
+  out.push_back({5, 0, 64});
+  out.push_back({7, 128, 64});
+  out.push_back({8, 64, 40});
+  out.push_back({8, 4, 16});
+  return out;
+}
+
+std::vector<mdftest::ConversionPtr> rules() {
+  return {nullptr,
+          mdftest::linear(-3.5, 0.25),
+          mdftest::polynomial({1.0, 2.0, 0.5, -0.25, 3.0, 7.0}),
+          mdftest::rational({0.5, -1.0, 2.0, 0.0, 1.0, 0.0}),
+          mdftest::table(true, {{-100.0, 1.0}, {0.0, 5.0}, {1e6, -2.0}}),
+          mdftest::table(false, {{-100.0, 1.0}, {0.0, 5.0}, {1e6, -2.0}}),
+          mdftest::exponential({1.0, 2.0, 3.0, 0.0, 0.0, 1.0, 0.5}),
+          mdftest::logarithmic({0.0, 0.0, 1.0, 2.0, 0.5, 1.0, 0.0}),
+          mdftest::formula("X*2+1"),
+          mdftest::verbal_table({{1.0, "one"}}),
+          mdftest::range_table({{0.0, 0.0, "{LINEAR_CONV \"2*{X}+1\"}"}, {0.0, 5.0, "low"}}),
+          mdftest::identity(),
+          mdftest::raw_conversion(99, 0, {})};
+}
+
+// A channel group carrying every layout with every rule, records of random bytes.
+void fill_group(mdftest::ChannelGroup& cg, std::mt19937& random) {
+  const auto conversions = rules();
+  int n = 0;
+  for (const Layout& l : layouts()) {
+    for (const auto& rule : conversions) {
+      auto& ch = cg.add_channel("c" + std::to_string(n++), l.first_bit, l.bits, l.code);
+      ch.conversion = rule;
+    }
+  }
+  cg.channels.front().channel_type = 1;  // a time channel for the time array
+  for (uint32_t r = 0; r < kRecords; ++r) {
+    auto& rec = cg.add_record();
+    for (auto& b : rec) b = static_cast<uint8_t>(random());
+  }
+}
+
+class BulkRead : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+    dir_ = mdftest::scratch_dir("korvel_bulk");
+  }
+  void TearDown() override {
+    mdfClose();
+    fs::remove_all(dir_);
+  }
+  mdf_file* open(const mdftest::FileModel& f) {
+    const auto p = (dir_ / "in.mdf").string();
+    mdftest::write_file(p, mdftest::build(f).bytes);
+    mdf_file* file = nullptr;
+    EXPECT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_READ), 0);
+    return file;
+  }
+  fs::path dir_;
+};
+
+template <class T>
+uint64_t bits_of(T v) {
+  if constexpr (sizeof(T) == 8) {
+    return std::bit_cast<uint64_t>(v);
+  } else {
+    return v;
+  }
+}
+
+// Every record read both ways for one kind of value: the same statuses and the same bits.
+template <class T, class Handle, class Single, class Array>
+void compare(mdf_group* g, Handle* ch, uint32_t records, Single single, Array array) {
+  std::vector<T> expected(records);
+  int16_t expected_status = 0;
+  for (uint32_t r = 0; r < records; ++r) {
+    ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(r), MDF_SEEK_ABS), 0);
+    const int16_t st = single(&expected[r], ch);
+    if (r == 0) expected_status = st;
+    ASSERT_EQ(st, expected_status) << "record " << r;
+  }
+  // The cursor rests on a record in the middle; it stays there.
+  ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(records / 2), MDF_SEEK_ABS), 0);
+  std::vector<T> got(records + 3, T{});
+  uint32_t done = 99;
+  const int16_t st = array(got.data(), &done, ch, 0u, records + 3);
+  uint32_t at = 0;
+  EXPECT_EQ(mdfGrpTell(&at, g), 0);
+  EXPECT_EQ(at, records / 2);
+  if (expected_status == MDF_UNSUPPORTED_TYPE) {
+    EXPECT_EQ(std::make_pair(st, done), std::make_pair(expected_status, 0u));
+    return;
+  }
+  EXPECT_EQ(st, expected_status == 0 ? MDF_END_OF_GROUP : expected_status);
+  ASSERT_EQ(done, records);
+  for (uint32_t r = 0; r < records; ++r) {
+    ASSERT_EQ(bits_of(got[r]), bits_of(expected[r])) << "record " << r;
+  }
+}
+
+void compare_channel(mdf_group* g, channelnode* ch, uint32_t records) {
+  compare<double>(
+      g, ch, records, [](double* v, channelnode* c) { return mdfChnGetPhy(v, c, 0); },
+      mdfChnReadPhyArray);
+  compare<double>(
+      g, ch, records, [](double* v, channelnode* c) { return mdfChnGetHex(v, c, 0); },
+      mdfChnReadHexArray);
+  compare<uint64_t>(
+      g, ch, records, [](uint64_t* v, channelnode* c) { return mdfChnGetHexInt(v, c, 0); },
+      mdfChnReadHexIntArray);
+  // Raw bytes in slots of 9 bytes: what mdfChnGetData gives, zero-padded.
+  uint16_t bits = 0;
+  ASSERT_EQ(mdfChnGetBits(ch, &bits), 0);
+  if (bits > 64) return;
+  std::vector<uint8_t> slots(records * 9, 0xEE);
+  uint32_t done = 0;
+  const int16_t st = mdfChnReadBytesArray(slots.data(), 9, &done, ch, 0, records);
+  for (uint32_t r = 0; r < records; ++r) {
+    uint8_t one[9] = {};  // what the single read leaves untouched stays zero
+    uint32_t length = 9;
+    ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(r), MDF_SEEK_ABS), 0);
+    const int16_t single = mdfChnGetData(one, &length, ch, 0);
+    ASSERT_EQ(st, single);
+    if (single != 0) {
+      EXPECT_EQ(done, 0u);
+      return;
+    }
+    ASSERT_EQ(0, std::memcmp(one, slots.data() + r * 9, 9)) << "record " << r;
+  }
+}
+
+void compare_group(mdf_file* file, uint16_t number, uint32_t records) {
+  mdf_group* g = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&g, file, number, 0), 0);
+  uint16_t channels = 0;
+  ASSERT_EQ(mdfGrpChannels(&channels, g), 0);
+  for (uint16_t i = 1; i <= channels; ++i) {
+    channelnode* ch = nullptr;
+    ASSERT_EQ(mdfChnOpen(&ch, g, i), 0);
+    SCOPED_TRACE("channel " + std::to_string(i));
+    compare_channel(g, ch, records);
+    ASSERT_EQ(mdfChnClose(ch), 0);
+    if (::testing::Test::HasFatalFailure()) return;
+  }
+  compare<double>(
+      g, g, records, [](double* v, mdf_group* grp) { return mdfGrpGetTime(v, grp); },
+      mdfGrpReadTimeArray);
+  ASSERT_EQ(mdfGrpClose(g), 0);
+}
+
+TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGroups) {
+  struct Case {
+    const char* name;
+    uint16_t ids;
+    bool second_group;  // an interleaved channel group of other records (unsorted)
+  };
+  for (const Case& c : {Case{"sorted", 0, false}, Case{"sorted with ids", 1, false},
+                        Case{"unsorted, one id", 1, true}, Case{"unsorted, two ids", 2, true}}) {
+    SCOPED_TRACE(c.name);
+    std::mt19937 random(7);
+    mdftest::FileModel f;
+    auto& dg = f.add_data_group(c.ids);
+    fill_group(dg.add_channel_group(kRecord, 3), random);
+    if (c.second_group) {
+      auto& other = dg.add_channel_group(5, 9);
+      other.add_channel("o", 0, 40, 0);
+      for (uint32_t r = 0; r < 20; ++r) other.add_record()[0] = static_cast<uint8_t>(r);
+      for (uint32_t r = 0; r < kRecords + 20; ++r) dg.order.push_back(random() % 3 == 0 ? 1 : 0);
+      // The order must hold exactly the records of each group.
+      dg.order.clear();
+      for (uint32_t r = 0, a = 0, b = 0; r < kRecords + 20; ++r) {
+        const bool take_other = b < 20 && (a == kRecords || random() % 3 == 0);
+        dg.order.push_back(take_other ? 1 : 0);
+        (take_other ? b : a)++;
+      }
+    }
+    mdf_file* file = open(f);
+    compare_group(file, 1, kRecords);
+    ASSERT_EQ(mdfFileClose(file), 0);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// A group of records 0..9 in a 16-bit channel with a linear rule, unsorted with two ids.
+mdftest::FileModel counting(uint16_t ids) {
+  mdftest::FileModel f;
+  auto& dg = f.add_data_group(ids);
+  auto& cg = dg.add_channel_group(2, 1);
+  cg.add_channel("n", 0, 16, 0).conversion = mdftest::linear(1.0, 2.0);
+  for (uint16_t r = 0; r < 10; ++r) cg.add_record()[0] = static_cast<uint8_t>(r);
+  if (ids != 0) {
+    auto& other = dg.add_channel_group(3, 2);
+    other.add_channel("x", 0, 8, 0);
+    for (int r = 0; r < 4; ++r) other.add_record();
+    dg.order = {1, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0};
+  }
+  return f;
+}
+
+TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
+  for (uint16_t ids : {uint16_t{0}, uint16_t{2}}) {
+    mdf_file* file = open(counting(ids));
+    channelnode* ch = nullptr;
+    mdf_group* g = nullptr;
+    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    struct Edge {
+      uint32_t first, count;
+      int16_t status;
+      uint32_t done;
+    };
+    for (const Edge& e : {Edge{0, 0, 0, 0}, Edge{0, 10, 0, 10}, Edge{3, 4, 0, 4},
+                          Edge{9, 1, 0, 1}, Edge{8, 5, 1, 2}, Edge{10, 1, 1, 0},
+                          Edge{10, 0, 0, 0}, Edge{0xFFFFFFFFu, 3, 1, 0}}) {
+      SCOPED_TRACE(std::to_string(ids) + ": " + std::to_string(e.first) + "+" +
+                   std::to_string(e.count));
+      std::vector<double> v(e.count + 1, -7.0);
+      uint32_t done = 77;
+      EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, e.first, e.count), e.status);
+      EXPECT_EQ(done, e.done);
+      for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * (e.first + i));
+      EXPECT_EQ(v[done], -7.0);  // nothing beyond what was read
+    }
+    // Reading one at a time from the end backwards, through the kept records.
+    for (uint32_t r = 10; r-- > 0;) {
+      uint64_t raw = 0;
+      ASSERT_EQ(mdfChnReadHexIntArray(&raw, nullptr, ch, r, 1), 0);
+      EXPECT_EQ(raw, r);
+    }
+    ASSERT_EQ(mdfFileClose(file), 0);
+  }
+}
+
+TEST_F(BulkRead, BadArgumentsAndHandles) {
+  mdf_file* file = open(counting(0));
+  channelnode* ch = nullptr;
+  mdf_group* g = nullptr;
+  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+  uint32_t done = 5;
+  double v[2];
+  EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, ch, 0, 0), 0);  // nothing asked, nothing needed
+  EXPECT_EQ(mdfChnReadPhyArray(v, &done, nullptr, 0, 1), MDF_ERR_BAD_CHANNEL);
+  EXPECT_EQ(done, 0u);
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  file = open(counting(0));
+  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+  EXPECT_EQ(mdfGrpReadTimeArray(v, &done, g, 0, 1), MDF_NO_TIME_CHANNEL);
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  file = open(counting(0));
+  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+  uint8_t bytes[4];
+  // A slot narrower than the 2-byte field is refused, and the error sticks.
+  EXPECT_EQ(mdfChnReadBytesArray(bytes, 1, &done, ch, 0, 2), MDF_ERR_FATAL);
+  EXPECT_EQ(mdfChnReadPhyArray(v, &done, ch, 0, 1), MDF_ERR_FATAL);
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  file = open(counting(0));
+  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+  EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, ch, 0, 1), MDF_ERR_FATAL);
+}
+
+TEST_F(BulkRead, DamagedRecordsEndTheReadWhereThePerValueReadFails) {
+  struct Damage {
+    const char* name;
+    uint16_t ids;
+    int64_t cut;       // bytes taken off the end of the file (0: none)
+    bool unknown_id;   // an unknown identifier before the group's 7th record
+  };
+  for (const Damage& d : {Damage{"unknown id, unsorted", 2, 0, true},
+                          Damage{"cut inside the last record", 2, 1, false},
+                          Damage{"cut, sorted", 0, 5, false}}) {
+    SCOPED_TRACE(d.name);
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+    const auto f = counting(d.ids);
+    auto built = mdftest::build(f);
+    const auto& cg0 = built.data_groups[0].channel_groups[0];
+    if (d.unknown_id) built.patch_u8(cg0.records[6], 0x77);
+    // The data section ends the file when the data groups' records come last.
+    const auto& dgb = built.data_groups[0];
+    ASSERT_EQ(dgb.data + dgb.data_size, built.size());
+    if (d.cut != 0) built.truncate(built.size() - static_cast<size_t>(d.cut));
+    const auto p = (dir_ / "damaged.mdf").string();
+    mdftest::write_file(p, built.bytes);
+    // The per-value reads first: how many records can be read before a failure.
+    mdf_file* file = nullptr;
+    ASSERT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_READ), 0);
+    channelnode* ch = nullptr;
+    mdf_group* g = nullptr;
+    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    uint32_t readable = 0;
+    int16_t failure = 0;
+    while ((failure = mdfGrpSeek(g, static_cast<int32_t>(readable), MDF_SEEK_ABS)) == 0) ++readable;
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+    ASSERT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_READ), 0);
+    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    std::vector<double> v(10);
+    uint32_t done = 0;
+    EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, 0, 10), failure);
+    EXPECT_EQ(done, readable);
+    for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * i);
+  }
+}
+
+TEST_F(BulkRead, SampleFilesReadTheSameBothWays) {
+  int files = 0;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(KORVEL_SAMPLES_DIR, ec)) {
+    if (entry.path().extension() != ".mdf") continue;
+    SCOPED_TRACE(entry.path().filename().string());
+    const auto copy = mdftest::copy_writable(entry.path(), dir_);
+    mdf_file* file = nullptr;
+    ASSERT_EQ(mdfFileOpen(&file, copy.string().c_str(), MDF_OPEN_READ), 0);
+    uint16_t groups = 0;
+    ASSERT_EQ(mdfFileGroups(&groups, file), 0);
+    for (uint16_t n = 1; n <= groups; ++n) {
+      mdf_group* g = nullptr;
+      ASSERT_EQ(mdfGrpOpen(&g, file, n, 0), 0);
+      uint32_t records = 0;
+      uint16_t channels = 0;
+      ASSERT_EQ(mdfGrpRecords(&records, g), 0);
+      ASSERT_EQ(mdfGrpChannels(&channels, g), 0);
+      for (uint16_t i = 1; i <= channels; ++i) {
+        channelnode* ch = nullptr;
+        ASSERT_EQ(mdfChnOpen(&ch, g, i), 0);
+        std::vector<double> single(records), array(records);
+        int16_t status = 0;
+        ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
+        for (uint32_t r = 0; r < records; ++r) status = mdfChnReadPhy(&single[r], ch);
+        uint32_t done = 0;
+        const int16_t st = mdfChnReadPhyArray(array.data(), &done, ch, 0, records);
+        if (status == MDF_UNSUPPORTED_TYPE) {
+          EXPECT_EQ(std::make_pair(st, done), std::make_pair(status, 0u));
+          mdfChnClose(ch);
+          continue;
+        }
+        ASSERT_EQ(std::make_pair(st, done), std::make_pair(status, records));
+        for (uint32_t r = 0; r < records; ++r) {
+          ASSERT_EQ(bits_of(array[r]), bits_of(single[r])) << "group " << n << " channel " << i;
+        }
+        mdfChnClose(ch);
+      }
+      ASSERT_EQ(mdfGrpClose(g), 0);
+    }
+    ASSERT_EQ(mdfFileClose(file), 0);
+    ++files;
+  }
+  EXPECT_GE(files, 1);
+}
+
+}  // namespace
