@@ -12,6 +12,7 @@ from __future__ import annotations
 
 import ctypes
 import os
+import warnings
 from ctypes import byref, c_double, c_uint8, c_uint16, c_uint32, c_void_p
 from typing import Dict, Iterator, List, Optional, Sequence, Tuple, Union, overload
 
@@ -314,16 +315,15 @@ class Group:
     def read_time(self, first: int = 0, count: Optional[int] = None) -> Optional[np.ndarray]:
         """Times of records first .. first+count-1 (to the end when count is None)."""
         with lock:
+            if self.time_channel is None:
+                return None
             L = _lib.lib()
             h = self._h()
             count = _span(self._records(), first, count)
             out = np.empty(count, dtype=np.float64)
             done = c_uint32()
-            status = L.mdfGrpReadTimeArray(out.ctypes.data_as(c_void_p), byref(done), h,
-                                           first, count)
-            if status in (Status.NO_TIME_CHANNEL, Status.TIME_CHN_NOT_FOUND):
-                return None
-            check(status, repr(self))
+            status = L.mdfGrpReadTimeArray(out.ctypes.data, byref(done), h, first, count)
+            _check_values(status, repr(self))
             return out[: done.value]
 
     def arrays(self, raw: bool = False) -> Dict[str, np.ndarray]:
@@ -355,7 +355,7 @@ class Group:
                     ch = channels[i]
                     status = read(base + row * stride, done_ref, ch._h(), 0, records)
                     if status != 0:
-                        check(status, ch._where())
+                        _check_values(status, ch._where())
                     result[names[i]] = block[row, : done.value]
             for i, ch in enumerate(channels):
                 if names[i] not in result:
@@ -662,21 +662,21 @@ class Channel:
             where = self._where()
             if dtype.kind in "SV":
                 out = np.zeros(count, dtype=dtype)
-                status = L.mdfChnReadBytesArray(out.ctypes.data_as(c_void_p), dtype.itemsize,
+                status = L.mdfChnReadBytesArray(out.ctypes.data, dtype.itemsize,
                                                 byref(done), h, first, count)
             elif not raw:
                 out = np.empty(count, dtype=np.float64)
-                status = L.mdfChnReadPhyArray(out.ctypes.data_as(c_void_p), byref(done), h,
+                status = L.mdfChnReadPhyArray(out.ctypes.data, byref(done), h,
                                               first, count)
             elif dtype.kind in "iu":
                 out = np.empty(count, dtype=np.uint64)
-                status = L.mdfChnReadHexIntArray(out.ctypes.data_as(c_void_p), byref(done), h,
+                status = L.mdfChnReadHexIntArray(out.ctypes.data, byref(done), h,
                                                  first, count)
             else:
                 out = np.empty(count, dtype=np.float64)
-                status = L.mdfChnReadHexArray(out.ctypes.data_as(c_void_p), byref(done), h,
+                status = L.mdfChnReadHexArray(out.ctypes.data, byref(done), h,
                                               first, count)
-            check(status, where)
+            _check_values(status, where)
             out = out[: done.value]
         if raw and dtype.kind == "i":
             return out.view(np.int64).astype(dtype)
@@ -690,6 +690,17 @@ class Channel:
     def __array__(self, dtype=None, copy=None) -> np.ndarray:
         values = self.values()
         return values if dtype is None else values.astype(dtype)
+
+
+def _check_values(status: int, where: str) -> None:
+    """Statuses of the array reads: 1 (the group ended early) is a notice; 1021 (a
+    conversion rule the library cannot apply: the values are raw) a warning; 1016 and
+    1020 (the layout cannot be read) raise, as errors do."""
+    if status == Status.UNSUPPORTED_RULE:
+        warnings.warn(f"{where}: unsupported conversion rule, values are raw values",
+                      RuntimeWarning, stacklevel=3)
+        return
+    check(status, where, fail=(Status.NOT_BYTE_ALIGNED, Status.UNSUPPORTED_TYPE))
 
 
 def _u16_at(address: Optional[int]) -> int:
