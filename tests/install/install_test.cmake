@@ -49,3 +49,19 @@ separate_arguments(flags UNIX_COMMAND "${out}")
 run(${CC} ${consumer}/consumer.c ${flags} -Wl,-rpath,${libdir_found} -o ${WORK}/consumer_pc)
 run(${WORK}/consumer_pc)
 message(STATUS "pkg-config consumer: ${out}")
+
+# The Python package, installed with its own copy of the library, imports with nothing but
+# its directory on the path and uses that copy (skipped without numpy).
+find_program(PYTHON3 NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
+if(PYTHON3)
+  execute_process(COMMAND ${PYTHON3} -c "import numpy" RESULT_VARIABLE no_numpy OUTPUT_QUIET ERROR_QUIET)
+  if(no_numpy EQUAL 0)
+    run(${CMAKE_COMMAND} -E env --unset=KORVEL_LIBRARY PYTHONPATH=${prefix}/${libdir}/python
+        ${PYTHON3} -c "print(__import__('korvel').library_path())")
+    string(FIND "${out}" "${prefix}/${libdir}/python/korvel/libkorvel.so" at)
+    if(NOT at EQUAL 0)
+      message(FATAL_ERROR "the installed Python package uses ${out}")
+    endif()
+    message(STATUS "python package: ${out}")
+  endif()
+endif()

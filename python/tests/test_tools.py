@@ -1,0 +1,97 @@
+"""Sorting (progress, abort, Ctrl-C), the text dump and `python -m korvel info`."""
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+import korvel
+from conftest import needs_bulk, needs_sort
+
+
+def test_dump_returns_the_text(sample):
+    path = sample("asam_3.30")
+    text = korvel.dump(path)
+    assert text.startswith(f"Datei {path}\n") and "HDBLOCK" in text
+    assert text.count("CGBLOCK") == 3 and "u8_vtab" in text
+    hex_text = korvel.dump(path, hex=True)
+    assert len(hex_text) > len(text)
+    # Each dump returns its own text only.
+    assert korvel.dump(path) == text
+
+
+def test_dump_of_a_missing_file_raises(tmp_path):
+    with pytest.raises(korvel.FileAccessError):
+        korvel.dump(tmp_path / "missing.mdf")
+    with pytest.raises(korvel.FileAccessError):
+        korvel.is_sorted(tmp_path / "missing.mdf")
+
+
+@needs_sort
+def test_sort_into_a_target_with_progress(sample, tmp_path):
+    src = sample("mdflib_unsorted")
+    before = src.read_bytes()
+    dst = tmp_path / "sorted.mdf"
+    seen = []
+    assert not korvel.is_sorted(src)
+    assert korvel.sort(src, dst, progress=seen.append) == korvel.Status.OK
+    assert src.read_bytes() == before and korvel.is_sorted(dst)
+    assert seen and seen == sorted(seen) and seen[-1] == 100
+    with korvel.open(dst) as f, korvel.open(sample("mdflib_sorted")) as g:
+        assert [x.channels.names() for x in f.groups] == [x.channels.names() for x in g.groups]
+        assert [x.records for x in f.groups] == [x.records for x in g.groups]
+    assert korvel.sort(dst) == korvel.Status.ALREADY_SORTED
+
+
+@needs_sort
+@needs_bulk
+def test_sort_in_place_keeps_the_values(sample):
+    src = sample("mdflib_unsorted")
+    with korvel.open(src) as f:
+        before = [c.values().tobytes() for g in f.groups for c in g.channels]
+    assert korvel.sort(src) == korvel.Status.OK
+    with korvel.open(src) as f:
+        assert f.is_sorted
+        assert [c.values().tobytes() for g in f.groups for c in g.channels] == before
+
+
+class Stop(Exception):
+    pass
+
+
+def stop(_percent):
+    raise Stop
+
+
+def interrupt(_percent):
+    signal.raise_signal(signal.SIGINT)
+
+
+@needs_sort
+@pytest.mark.parametrize("progress, error", [(stop, Stop), (interrupt, KeyboardInterrupt)])
+@pytest.mark.parametrize("in_place", [False, True])
+def test_abort_leaves_the_source(sample, tmp_path, progress, error, in_place):
+    src = sample("mdflib_unsorted")
+    before = src.read_bytes()
+    dst = None if in_place else tmp_path / "sorted.mdf"
+    with pytest.raises(error):
+        korvel.sort(src, dst, progress=progress)
+    assert src.read_bytes() == before
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["mdflib_unsorted.json",
+                                                          "mdflib_unsorted.mdf"]
+    # The library works again, Ctrl-C is the caller's again.
+    assert not korvel.is_sorted(src)
+    assert signal.getsignal(signal.SIGINT) is signal.default_int_handler
+
+
+def test_info_entry_point(sample):
+    path = sample("asam_3.30")
+    run = subprocess.run([sys.executable, "-m", "korvel", "info", str(path)],
+                         capture_output=True, text=True, cwd=Path(korvel.__file__).parents[1])
+    assert run.returncode == 0, run.stderr
+    assert "group 3: 1000 records, 12 channels, 'misc'" in run.stdout
+    assert "u16_formula" in run.stdout
+    missing = subprocess.run([sys.executable, "-m", "korvel", "info", str(path) + "x"],
+                             capture_output=True, text=True, cwd=Path(korvel.__file__).parents[1])
+    assert missing.returncode == 1 and "could not open file" in missing.stderr
