@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -390,6 +391,57 @@ TEST_F(Sort, AbortLeavesNothingBehind) {
       EXPECT_EQ(w.percents.back(), 100);
     }
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Data links of the target's data groups, read from the head of the file (the data area of
+// these targets is sparse and far too large to read whole).
+std::vector<uint32_t> data_links(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  mdftest::Image head;
+  head.bytes.resize(1 << 16);
+  in.read(reinterpret_cast<char*>(head.bytes.data()), static_cast<std::streamsize>(head.bytes.size()));
+  head.bytes.resize(static_cast<size_t>(in.gcount()));
+  std::vector<uint32_t> links;
+  for (uint32_t dg = head.u32(64 + 4); dg != 0; dg = head.u32(dg + 4)) links.push_back(head.u32(dg + 16));
+  return links;
+}
+
+// Counts declare regions of several GiB while the records are few: the data area is laid out
+// for the declared counts, so the rule for data beyond 4 GiB applies to a small file.
+TEST_F(Sort, DataAreaBeyondFourGiB) {
+  const fs::path src = dir_ / "in.mdf";
+  const fs::path dst = dir_ / "out.mdf";
+  auto make = [&](std::vector<std::pair<uint16_t, uint32_t>> groups) {
+    FileModel f;
+    auto& dg = f.add_data_group(1);
+    for (size_t g = 0; g < groups.size(); ++g) {
+      auto& cg = dg.add_channel_group(groups[g].first, static_cast<uint16_t>(g + 1));
+      cg.add_channel("x", 0, 8, 0);
+      cg.add_record();
+      cg.add_record();
+      cg.record_count = groups[g].second;
+    }
+    mdftest::write_file(src, mdftest::build(f).bytes);
+  };
+  // A (1 GiB), B (3.5 GiB), C (16 bytes): B, the last group larger than the excess, moves
+  // behind C so that it starts below 4 GiB.
+  make({{256, 1u << 22}, {256, 7u << 21}, {8, 2}});
+  ASSERT_EQ(mdfSort(src.string().c_str(), dst.string().c_str()), MDF_CYCLES_DECREASED);
+  const auto links = data_links(dst);
+  ASSERT_EQ(links.size(), 3u);
+  EXPECT_EQ(links[2], links[0] + (1ull << 30));
+  EXPECT_EQ(links[1], links[2] + 16);
+  fs::remove(dst);
+  // Three regions of 2 GiB: none is larger than the excess.
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  make({{256, 1u << 23}, {256, 1u << 23}, {256, 1u << 23}});
+  EXPECT_EQ(mdfSort(src.string().c_str(), dst.string().c_str()), MDF_ERR_FILE_TOO_LARGE);
+  EXPECT_FALSE(fs::exists(dst));
 }
 
 }  // namespace
