@@ -6,7 +6,9 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <system_error>
 
 namespace korvel::tool {
@@ -79,6 +81,14 @@ std::uintmax_t Session::log_size() const {
   return ec ? 0 : size;
 }
 
+std::string Session::log_since(std::uintmax_t mark) const {
+  std::ifstream log(dir_ / "KORVEL.LOG", std::ios::binary);
+  log.seekg(static_cast<std::streamoff>(mark));
+  std::string text(std::istreambuf_iterator<char>(log), {});
+  std::erase(text, '\r');
+  return text;
+}
+
 bool Session::run(const std::function<void()>& work) {
   mdfClose();
   mdfOpen("KORVEL");
@@ -88,10 +98,9 @@ bool Session::run(const std::function<void()>& work) {
     return true;
   } catch (const LibraryError& e) {
     report(e);
-    std::ifstream log(dir_ / "KORVEL.LOG", std::ios::binary);
-    log.seekg(static_cast<std::streamoff>(mark));
+    std::istringstream log(log_since(mark));
     for (std::string line; std::getline(log, line);)
-      if (!line.empty() && line != "\r") std::fprintf(stderr, "%s\n", line.c_str());
+      if (!line.empty()) std::fprintf(stderr, "%s\n", line.c_str());
     return false;
   }
 }

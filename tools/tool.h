@@ -103,8 +103,12 @@ class Session {
   // failure is reported with the log lines written meanwhile; returns false then.
   bool run(const std::function<void()>& work);
 
- private:
+  // The size of the log so far, and what the library printed to it after that mark (lines
+  // ended by a line feed alone, whatever the system's line ends).
   std::uintmax_t log_size() const;
+  std::string log_since(std::uintmax_t mark) const;
+
+ private:
   std::filesystem::path dir_;
 };
 

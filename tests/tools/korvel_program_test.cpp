@@ -62,13 +62,21 @@ class Program : public ::testing::Test {
   fs::path dir = mdftest::scratch_dir("korvel_program");
 
   Outcome korvel(const std::string& args) {
+#if defined(_WIN32)
+    // cmd.exe changes the drive only with /d; the program's standard streams are text
+    // streams there, ending lines with CR LF.
+    const std::string command = "cd /d \"" + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " +
+                                args + " >stdout.txt 2>stderr.txt";
+    const int code = std::system(command.c_str());
+    const auto text = [](std::string s) { return std::erase(s, '\r'), s; };
+    return {code, text(slurp(dir / "stdout.txt")), text(slurp(dir / "stderr.txt"))};
+#else
     const std::string command = "cd \"" + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " + args +
                                 " >stdout.txt 2>stderr.txt";
-    int code = std::system(command.c_str());
-#if !defined(_WIN32)
-    code = WIFEXITED(code) ? WEXITSTATUS(code) : -1;
+    const int code = std::system(command.c_str());
+    return {WIFEXITED(code) ? WEXITSTATUS(code) : -1, slurp(dir / "stdout.txt"),
+            slurp(dir / "stderr.txt")};
 #endif
-    return {code, slurp(dir / "stdout.txt"), slurp(dir / "stderr.txt")};
   }
   // A copy of a sample, so that nothing can change the original.
   void copy_sample(const std::string& name) {
@@ -104,6 +112,9 @@ TEST_F(Program, ExitCodesAndMessages) {
       {"info --help", 0, true, "--no-scan"},
       {"--version", 0, true, "MDF format up to 3.30"},
       {"status -1004", 0, true, "-1004: illegal group open mode"},
+      {"dump run42.mdf", 0, true, "Datei run42.mdf\nIDBLOCK: 'MDF     '"},
+      {"dump --hex run42.mdf", 0, true, "BLOCK 17480: 208 Bytes at 0 :48 \n44 D0 00 71"},
+      {"dump missing.mdf", 1, false, "korvel: missing.mdf: could not open file (1000)\n"},
       {"", 2, false, "usage: korvel info"},
       {"bogus", 2, false, "usage: korvel info"},
       {"info", 2, false, "usage: korvel info [--json] [--no-scan] FILE...\n"},
