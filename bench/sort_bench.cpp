@@ -82,7 +82,8 @@ void build_file(const std::string& path) {
   // The counts, now known, go into the channel-group blocks.
   std::FILE* patch = std::fopen(path.c_str(), "r+b");
   for (int g = 0; g < kGroups; ++g) {
-    std::fseek(patch, built.data_groups[0].channel_groups[g].offset + mdftest::off::cg_record_count, SEEK_SET);
+    std::fseek(patch, built.data_groups[0].channel_groups[g].offset + mdftest::off::cg_record_count,
+               SEEK_SET);
     std::fwrite(&counts[g], 4, 1, patch);
   }
   std::fclose(patch);

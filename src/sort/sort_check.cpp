@@ -22,7 +22,8 @@ constexpr uint32_t kCnRead = 218;
 // short file is a finding of the check rather than a raised read error.
 bool read_at(uint16_t number, uint32_t at, uint8_t* out, uint32_t count) {
   if (at == 0 || static_cast<int64_t>(at) + count > io::known_size(number)) return false;
-  return io::seek(number, at, io::kFromStart) == 0 && io::read(out, static_cast<uint16_t>(count), number) == 0;
+  return io::seek(number, at, io::kFromStart) == 0 &&
+         io::read(out, static_cast<uint16_t>(count), number) == 0;
 }
 
 class Checker {

@@ -32,13 +32,13 @@ using namespace layout;
 
 constexpr const char* kUnit = "MDFSORTF";
 constexpr uint64_t kMaxLink = 0xFFFFFFFFull;
-constexpr uint64_t kBufferCap = 1048576;      // largest write buffer of one channel group
-constexpr uint64_t kHeldBack = 4096;          // memory the buffers leave to everything else
-constexpr double kMaxStep = 2592000.0;        // 30 days: the largest plausible time step
-constexpr std::size_t kChunk = 1u << 20;      // source bytes read at once
-constexpr std::size_t kOutChunk = 1u << 20;   // block bytes collected before a write
+constexpr uint64_t kBufferCap = 1048576;     // largest write buffer of one channel group
+constexpr uint64_t kHeldBack = 4096;         // memory the buffers leave to everything else
+constexpr double kMaxStep = 2592000.0;       // 30 days: the largest plausible time step
+constexpr std::size_t kChunk = 1u << 20;     // source bytes read at once
+constexpr std::size_t kOutChunk = 1u << 20;  // block bytes collected before a write
 constexpr uint32_t kNewDgSize = dg::kSize;
-constexpr uint32_t kFillRun = 64;              // 0xFF bytes taken for unused room
+constexpr uint32_t kFillRun = 64;  // 0xFF bytes taken for unused room
 constexpr uint16_t kNoSlot = 0xFFFF;
 
 struct DataGroupStats {
@@ -379,8 +379,8 @@ int16_t Sorter::place_channel(Node* cn) {
     }
   }
   const uint16_t size = cn->block_size();
-  for (uint32_t field : {cn::kExtension, cn::kDependency, cn::kComment, cn::kLongName,
-                         cn::kDisplayName}) {
+  for (uint32_t field :
+       {cn::kExtension, cn::kDependency, cn::kComment, cn::kLongName, cn::kDisplayName}) {
     if (field == cn::kLongName && size < cn::kSizeLongName) continue;
     if (field == cn::kDisplayName && size < cn::kSize) continue;
     if (int16_t st = place(resolve_link(tree, cn, field)); st != 0) return st;
@@ -673,7 +673,8 @@ int16_t Sorter::allocate_buffers(const DataGroupStats& g) {
     if (s.record_size == 0) continue;
     const uint64_t need = need_of(s);
     const uint64_t whole = need + s.record_size;
-    uint64_t share = total != 0 ? static_cast<uint64_t>(double(need) * available / double(total)) : 0;
+    uint64_t share =
+        total != 0 ? static_cast<uint64_t>(double(need) * available / double(total)) : 0;
     share = std::min(share, need) + s.record_size;
     const uint64_t room = std::min(kBufferCap, whole);
     if (carry != 0 && share < room) {
@@ -699,14 +700,16 @@ int16_t Sorter::flush_slot(Slot& s, uint32_t d, uint64_t total, uint64_t consume
   const uint64_t at = s.position + s.written * s.record_size;
   if (s.position == 0 || at + bytes > s.position + s.region) return internal_error(kUnit, __LINE__);
   if (int16_t st = io::seek(dst_, static_cast<int64_t>(at), io::kFromStart); st != 0) return st;
-  if (int16_t st = io::write(s.buffer.get(), static_cast<uint32_t>(bytes), dst_); st != 0) return st;
+  if (int16_t st = io::write(s.buffer.get(), static_cast<uint32_t>(bytes), dst_); st != 0)
+    return st;
   s.written += s.waiting;
   s.waiting = 0;
   uint32_t declared = static_cast<uint32_t>(std::min<uint64_t>(total, 0xFFFFFFFF));
   uint32_t done = static_cast<uint32_t>(std::min<uint64_t>(consumed, 0xFFFFFFFF));
   mdfActivityInfo(&declared, &done);
   const uint64_t groups = groups_.size();
-  const uint64_t percent = 20 + (uint64_t{d} + 1) * (consumed * 80) / (groups * std::max<uint64_t>(total, 1));
+  const uint64_t percent =
+      20 + (uint64_t{d} + 1) * (consumed * 80) / (groups * std::max<uint64_t>(total, 1));
   return report(static_cast<uint32_t>(std::min<uint64_t>(percent, 100)));
 }
 
@@ -716,8 +719,18 @@ Stamp Sorter::time_stamp(Slot& s, const uint8_t* record, double* out) {
     return Stamp::ok;
   }
   switch (load_le16(s.time_cn->image + cn::kDataType)) {
-    case 0: case 9: case 13: case 1: case 10: case 14:
-    case 2: case 3: case 11: case 12: case 15: case 16:
+    case 0:
+    case 9:
+    case 13:
+    case 1:
+    case 10:
+    case 14:
+    case 2:
+    case 3:
+    case 11:
+    case 12:
+    case 15:
+    case 16:
       break;
     default:
       return Stamp::unsupported;
@@ -730,8 +743,7 @@ Stamp Sorter::time_stamp(Slot& s, const uint8_t* record, double* out) {
 // Reads the records of data group `d` into the write buffers. `stopped` tells that reading
 // ended before the declared records were consumed; `extras` that records beyond declared
 // counts were accepted (first reading in recount mode only).
-int16_t Sorter::read_records(uint32_t d, uint64_t bound, bool second, bool* stopped,
-                             bool* extras) {
+int16_t Sorter::read_records(uint32_t d, uint64_t bound, bool second, bool* stopped, bool* extras) {
   DataGroupStats& g = groups_[d];
   *stopped = false;
   *extras = false;
@@ -775,13 +787,15 @@ int16_t Sorter::read_records(uint32_t d, uint64_t bound, bool second, bool* stop
           const Stamp stamp = time_stamp(s, record, &t);
           if (stamp == Stamp::unsupported) return raise(MDF_UNSUPPORTED_TYPE, "");
           const bool bad_first = s.read == 1 && (t < 0.0 || t > kMaxStep);
-          const bool bad_step = check_time_ && s.has_time && (t < s.last_time || t > s.last_time + kMaxStep);
+          const bool bad_step =
+              check_time_ && s.has_time && (t < s.last_time || t > s.last_time + kMaxStep);
           if (stamp == Stamp::bad || bad_first || bad_step) return raise(MDF_BAD_TIME_STAMP, "");
           s.last_time = t;
           s.has_time = true;
         }
         if (s.record_size != 0) {
-          std::memcpy(s.buffer.get() + std::size_t{s.waiting} * s.record_size, record, s.record_size);
+          std::memcpy(s.buffer.get() + std::size_t{s.waiting} * s.record_size, record,
+                      s.record_size);
           if (++s.waiting == s.capacity) {
             if (int16_t st = flush_slot(s, d, total, consumed + 1); st != 0) return st;
           }
@@ -895,7 +909,8 @@ int16_t Sorter::sort_data() {
   }
   std::sort(block_starts_.begin(), block_starts_.end());
   for (uint32_t d = 0; d < groups_.size(); ++d) {
-    if (groups_[d].data != 0 && groups_[d].records != 0) data_starts_.push_back({groups_[d].data, d});
+    if (groups_[d].data != 0 && groups_[d].records != 0)
+      data_starts_.push_back({groups_[d].data, d});
   }
   std::sort(data_starts_.begin(), data_starts_.end());
   for (uint32_t d = 0; d < groups_.size(); ++d) {
@@ -925,7 +940,8 @@ void Sorter::release() {
 
 // Closes both files and puts the result in its place, or removes what failed.
 int16_t Sorter::finish_target(int16_t status) {
-  const bool failed = status != 0 && status != MDF_CYCLES_INCREASED && status != MDF_CYCLES_DECREASED;
+  const bool failed =
+      status != 0 && status != MDF_CYCLES_INCREASED && status != MDF_CYCLES_DECREASED;
   if (dst_ != io::kNoFile && !failed) io::flush(dst_);
   const bool had_target = !target_name_.empty();
   release();

@@ -241,7 +241,8 @@ bool sorted_status(int16_t status) {
 
 // The sort may change the source only by switching float data types 2 and 3 (the low byte
 // of a CN block's type field); the upper byte of those fields stays 0.
-void expect_only_float_repair(const std::vector<uint8_t>& before, const std::vector<uint8_t>& after) {
+void expect_only_float_repair(const std::vector<uint8_t>& before,
+                              const std::vector<uint8_t>& after) {
   if (after.size() != before.size()) __builtin_trap();
   for (size_t i = 0; i < before.size(); ++i) {
     if (after[i] == before[i]) continue;
@@ -259,12 +260,15 @@ void sort_file(const uint8_t* data, size_t size) {
   mdftest::write_file(source, original);
   const bool readable = opens(source);
   // Every combination of the four flags, chosen by the input.
-  const size_t pick = std::hash<std::string_view>{}({reinterpret_cast<const char*>(data), size}) % 16;
-  const uint32_t flags = ((pick & 1) != 0 ? MDF_SORT_RECOUNT : 0) | ((pick & 2) != 0 ? MDF_SORT_SHRINK : 0) |
-                         ((pick & 4) != 0 ? MDF_SORT_CHECK_TIME : 0) | ((pick & 8) != 0 ? MDF_SORT_FINALIZE : 0);
+  const size_t pick =
+      std::hash<std::string_view>{}({reinterpret_cast<const char*>(data), size}) % 16;
+  const uint32_t flags =
+      ((pick & 1) != 0 ? MDF_SORT_RECOUNT : 0) | ((pick & 2) != 0 ? MDF_SORT_SHRINK : 0) |
+      ((pick & 4) != 0 ? MDF_SORT_CHECK_TIME : 0) | ((pick & 8) != 0 ? MDF_SORT_FINALIZE : 0);
   mdfClose();
   mdfOpen(nullptr);
-  MdfSortParams params{sizeof params, source.c_str(), target.c_str(), nullptr, nullptr, nullptr, nullptr, flags};
+  MdfSortParams params{sizeof params, source.c_str(), target.c_str(), nullptr,
+                       nullptr,       nullptr,        nullptr,        flags};
   const int16_t status = mdfSortWithProgress(&params);
   const std::vector<uint8_t> repaired = mdftest::load_file(source);
   expect_only_float_repair(original, repaired);

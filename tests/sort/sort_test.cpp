@@ -52,8 +52,8 @@ FileModel base(uint16_t ids = 1) {
 
 struct Case {
   const char* name;
-  std::function<void(FileModel&)> change;             // on the model
-  std::function<void(mdftest::Built&)> damage;        // on the built bytes
+  std::function<void(FileModel&)> change;       // on the model
+  std::function<void(mdftest::Built&)> damage;  // on the built bytes
   uint32_t flags;
   int16_t status;
   std::vector<uint32_t> counts;  // records per target channel group; empty: no target
@@ -65,80 +65,167 @@ uint32_t data_of(const mdftest::Built& b) {
 
 const Case kCases[] = {
     {"one_record_id", nullptr, nullptr, 0, 0, {4, 4, 2, 3}},
-    {"two_record_ids", [](FileModel& f) { f.data_groups[0].record_ids = 2; }, nullptr, 0, 0,
+    {"two_record_ids",
+     [](FileModel& f) { f.data_groups[0].record_ids = 2; },
+     nullptr,
+     0,
+     0,
      {4, 4, 2, 3}},
-    {"finalize_flag_0", nullptr,
-     [](mdftest::Built& b) { b.patch_chars(0, 8, "UnFinMF "); }, MDF_SORT_FINALIZE, 0,
+    {"finalize_flag_0",
+     nullptr,
+     [](mdftest::Built& b) { b.patch_chars(0, 8, "UnFinMF "); },
+     MDF_SORT_FINALIZE,
+     0,
      {4, 4, 2, 3}},
-    {"finalize_flag_1", nullptr,
+    {"finalize_flag_1",
+     nullptr,
      [](mdftest::Built& b) {
        b.patch_chars(0, 8, "UnFinMF ");
        b.patch_u16(60, 1);
      },
-     MDF_SORT_FINALIZE, 0, {4, 4, 2, 3}},
-    {"finalize_flag_2", nullptr,
+     MDF_SORT_FINALIZE,
+     0,
+     {4, 4, 2, 3}},
+    {"finalize_flag_2",
+     nullptr,
      [](mdftest::Built& b) {
        b.patch_chars(0, 8, "UnFinMF ");
        b.patch_u16(60, 2);
      },
-     MDF_SORT_FINALIZE, MDF_ERR_FORMAT, {}},
-    {"unfinished_without_flag", nullptr,
-     [](mdftest::Built& b) { b.patch_chars(0, 8, "UnFinMF "); }, 0, MDF_ALREADY_SORTED, {}},
+     MDF_SORT_FINALIZE,
+     MDF_ERR_FORMAT,
+     {}},
+    {"unfinished_without_flag",
+     nullptr,
+     [](mdftest::Built& b) { b.patch_chars(0, 8, "UnFinMF "); },
+     0,
+     MDF_ALREADY_SORTED,
+     {}},
     // Record 4 (the second of B) carries an unknown id: the rest of the data group is lost.
-    {"unknown_record_id", nullptr, [](mdftest::Built& b) { b.patch_u8(data_of(b) + 9 + 13 + 21 + 9, 99); },
-     0, MDF_CYCLES_DECREASED, {2, 1, 1, 3}},
+    {"unknown_record_id",
+     nullptr,
+     [](mdftest::Built& b) { b.patch_u8(data_of(b) + 9 + 13 + 21 + 9, 99); },
+     0,
+     MDF_CYCLES_DECREASED,
+     {2, 1, 1, 3}},
     // Without D, the file ends 5 bytes into B's last record.
-    {"last_record_cut_off", [](FileModel& f) { f.data_groups.pop_back(); },
-     [](mdftest::Built& b) { b.truncate(b.size() - 5); }, 0, MDF_CYCLES_DECREASED, {4, 3, 2}},
-    {"data_beyond_the_end", nullptr, [](mdftest::Built& b) { b.truncate(b.size() - 12 - 5); }, 0,
-     MDF_ERR_FORMAT, {}},
-    {"surplus_without_recount", [](FileModel& f) { f.data_groups[0].channel_groups[0].record_count = 3; },
-     nullptr, 0, MDF_CYCLES_DECREASED, {3, 3, 2, 3}},
-    {"surplus_with_recount", [](FileModel& f) { f.data_groups[0].channel_groups[0].record_count = 3; },
-     nullptr, MDF_SORT_RECOUNT, MDF_CYCLES_INCREASED, {4, 4, 2, 3}},
-    {"fewer_than_declared", [](FileModel& f) { f.data_groups[0].channel_groups[1].record_count = 6; },
-     nullptr, 0, MDF_CYCLES_DECREASED, {4, 4, 2, 3}},
+    {"last_record_cut_off",
+     [](FileModel& f) { f.data_groups.pop_back(); },
+     [](mdftest::Built& b) { b.truncate(b.size() - 5); },
+     0,
+     MDF_CYCLES_DECREASED,
+     {4, 3, 2}},
+    {"data_beyond_the_end",
+     nullptr,
+     [](mdftest::Built& b) { b.truncate(b.size() - 12 - 5); },
+     0,
+     MDF_ERR_FORMAT,
+     {}},
+    {"surplus_without_recount",
+     [](FileModel& f) { f.data_groups[0].channel_groups[0].record_count = 3; },
+     nullptr,
+     0,
+     MDF_CYCLES_DECREASED,
+     {3, 3, 2, 3}},
+    {"surplus_with_recount",
+     [](FileModel& f) { f.data_groups[0].channel_groups[0].record_count = 3; },
+     nullptr,
+     MDF_SORT_RECOUNT,
+     MDF_CYCLES_INCREASED,
+     {4, 4, 2, 3}},
+    {"fewer_than_declared",
+     [](FileModel& f) { f.data_groups[0].channel_groups[1].record_count = 6; },
+     nullptr,
+     0,
+     MDF_CYCLES_DECREASED,
+     {4, 4, 2, 3}},
     {"fewer_than_declared_shrink",
-     [](FileModel& f) { f.data_groups[0].channel_groups[1].record_count = 6; }, nullptr,
-     MDF_SORT_SHRINK, MDF_CYCLES_DECREASED, {4, 4, 2, 3}},
+     [](FileModel& f) { f.data_groups[0].channel_groups[1].record_count = 6; },
+     nullptr,
+     MDF_SORT_SHRINK,
+     MDF_CYCLES_DECREASED,
+     {4, 4, 2, 3}},
     {"time_backwards_checked",
      [](FileModel& f) { mdftest::put_f64(f.data_groups[0].channel_groups[1].records[2], 0, 5.0); },
-     nullptr, MDF_SORT_CHECK_TIME, MDF_BAD_TIME_STAMP, {}},
+     nullptr,
+     MDF_SORT_CHECK_TIME,
+     MDF_BAD_TIME_STAMP,
+     {}},
     {"time_backwards_unchecked",
      [](FileModel& f) { mdftest::put_f64(f.data_groups[0].channel_groups[1].records[2], 0, 5.0); },
-     nullptr, 0, 0, {4, 4, 2, 3}},
+     nullptr,
+     0,
+     0,
+     {4, 4, 2, 3}},
     {"first_time_beyond_30_days",
      [](FileModel& f) { mdftest::put_f64(f.data_groups[0].channel_groups[2].records[0], 0, 3e6); },
-     nullptr, MDF_SORT_CHECK_TIME, MDF_BAD_TIME_STAMP, {}},
+     nullptr,
+     MDF_SORT_CHECK_TIME,
+     MDF_BAD_TIME_STAMP,
+     {}},
     {"time_jump_beyond_30_days",
-     [](FileModel& f) { mdftest::put_f64(f.data_groups[0].channel_groups[2].records[1], 0, 2.6e6 + 21); },
-     nullptr, MDF_SORT_CHECK_TIME, MDF_BAD_TIME_STAMP, {}},
+     [](FileModel& f) {
+       mdftest::put_f64(f.data_groups[0].channel_groups[2].records[1], 0, 2.6e6 + 21);
+     },
+     nullptr,
+     MDF_SORT_CHECK_TIME,
+     MDF_BAD_TIME_STAMP,
+     {}},
     {"duplicate_record_id",
-     [](FileModel& f) { f.data_groups[0].channel_groups[2].record_id = 1; }, nullptr, 0,
-     MDF_ERR_FORMAT, {}},
+     [](FileModel& f) { f.data_groups[0].channel_groups[2].record_id = 1; },
+     nullptr,
+     0,
+     MDF_ERR_FORMAT,
+     {}},
     {"record_id_above_255",
-     [](FileModel& f) { f.data_groups[0].channel_groups[2].record_id = 259; }, nullptr, 0,
-     MDF_ERR_FORMAT, {}},
+     [](FileModel& f) { f.data_groups[0].channel_groups[2].record_id = 259; },
+     nullptr,
+     0,
+     MDF_ERR_FORMAT,
+     {}},
     {"sorted", [](FileModel& f) { f.data_groups.pop_front(); }, nullptr, 0, MDF_ALREADY_SORTED, {}},
-    {"no_data_groups", [](FileModel& f) { f.data_groups.clear(); }, nullptr, 0, MDF_ALREADY_SORTED, {}},
+    {"no_data_groups",
+     [](FileModel& f) { f.data_groups.clear(); },
+     nullptr,
+     0,
+     MDF_ALREADY_SORTED,
+     {}},
     {"no_channel_groups",
      [](FileModel& f) {
        f.data_groups.clear();
        f.add_data_group(1);
      },
-     nullptr, 0, MDF_ALREADY_SORTED, {}},
-    {"foreign_identifier", nullptr, [](mdftest::Built& b) { b.patch_chars(0, 8, "XDF     "); }, 0,
-     MDF_ALREADY_SORTED, {}},
-    {"reserved_bytes_used", nullptr, [](mdftest::Built& b) { b.patch_u8(33, 1); }, 0,
-     MDF_ALREADY_SORTED, {}},
-    {"version_340_unsorted", [](FileModel& f) { f.id.version = 340; }, nullptr, 0,
-     MDF_NEWER_VERSION, {}},
+     nullptr,
+     0,
+     MDF_ALREADY_SORTED,
+     {}},
+    {"foreign_identifier",
+     nullptr,
+     [](mdftest::Built& b) { b.patch_chars(0, 8, "XDF     "); },
+     0,
+     MDF_ALREADY_SORTED,
+     {}},
+    {"reserved_bytes_used",
+     nullptr,
+     [](mdftest::Built& b) { b.patch_u8(33, 1); },
+     0,
+     MDF_ALREADY_SORTED,
+     {}},
+    {"version_340_unsorted",
+     [](FileModel& f) { f.id.version = 340; },
+     nullptr,
+     0,
+     MDF_NEWER_VERSION,
+     {}},
     {"version_340_sorted",
      [](FileModel& f) {
        f.id.version = 340;
        f.data_groups.pop_front();
      },
-     nullptr, 0, MDF_ALREADY_SORTED, {}},
+     nullptr,
+     0,
+     MDF_ALREADY_SORTED,
+     {}},
     {"version_400", [](FileModel& f) { f.id.version = 400; }, nullptr, 0, MDF_ALREADY_SORTED, {}},
 };
 
@@ -159,7 +246,8 @@ class Sort : public ::testing::TestWithParam<Case> {
 
 // Every target channel group sits alone in its data group without record ids and holds the
 // first records of its source channel group, in order.
-void expect_sorted(const FileModel& source, const fs::path& target, const std::vector<uint32_t>& counts) {
+void expect_sorted(const FileModel& source, const fs::path& target,
+                   const std::vector<uint32_t>& counts) {
   const auto r = mdftest::read_file(target);
   ASSERT_TRUE(r.ok()) << r.error_text();
   EXPECT_TRUE(r.warnings.empty()) << r.error_text();
@@ -176,11 +264,13 @@ void expect_sorted(const FileModel& source, const fs::path& target, const std::v
     ASSERT_EQ(dg.channel_groups.size(), 1u);
     const auto& cg = dg.channel_groups[0];
     EXPECT_EQ(cg.record_count, counts[i]) << i;
-    EXPECT_EQ(cg.comment, groups[i]->comment ? std::optional(groups[i]->comment.str()) : std::nullopt);
+    EXPECT_EQ(cg.comment,
+              groups[i]->comment ? std::optional(groups[i]->comment.str()) : std::nullopt);
     ASSERT_EQ(cg.channels.size(), groups[i]->channels.size());
     EXPECT_EQ(cg.channels[0].name, groups[i]->channels[0].name);
     ASSERT_EQ(cg.records.size(), counts[i]);
-    for (size_t k = 0; k < counts[i]; ++k) EXPECT_EQ(cg.records[k], groups[i]->records[k]) << i << "/" << k;
+    for (size_t k = 0; k < counts[i]; ++k)
+      EXPECT_EQ(cg.records[k], groups[i]->records[k]) << i << "/" << k;
     if (counts[i] == 0) {
       EXPECT_EQ(dg.data_link, 0u);
     }
@@ -207,7 +297,8 @@ TEST_P(Sort, StatusAndTarget) {
   EXPECT_EQ(mdftest::load_file(src), built.bytes) << "the source is never changed";
   EXPECT_EQ(fs::exists(dst), !c.counts.empty());
   if (!c.counts.empty()) expect_sorted(f, dst, c.counts);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), c.counts.empty() ? 1 : 2);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()),
+            c.counts.empty() ? 1 : 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Sort, ::testing::ValuesIn(kCases),
@@ -274,7 +365,9 @@ TEST_F(Sort, FloatTypeRepairChangesTheSource) {
   auto repaired = built.bytes;
   repaired[built.data_groups[0].channel_groups[0].channels[0].offset + 190] = 3;
   EXPECT_EQ(mdftest::load_file(dir_ / "in.mdf"), repaired);
-  EXPECT_EQ(mdftest::read_file(dir_ / "out.mdf").data_groups[0].channel_groups[0].channels[0].data_type, 3);
+  EXPECT_EQ(
+      mdftest::read_file(dir_ / "out.mdf").data_groups[0].channel_groups[0].channels[0].data_type,
+      3);
 }
 
 // Sorting in place goes through a temporary file that replaces the source.
@@ -283,7 +376,8 @@ TEST_F(Sort, InPlace) {
   const fs::path src = dir_ / "in.mdf";
   const std::string s = src.string();
   const std::string other_name = (dir_ / "." / "in.mdf").string();
-  for (const char* target : {s.c_str(), other_name.c_str(), "", static_cast<const char*>(nullptr)}) {
+  for (const char* target :
+       {s.c_str(), other_name.c_str(), "", static_cast<const char*>(nullptr)}) {
     mdftest::write_file(src, mdftest::build(f).bytes);
     const auto cwd_before = std::distance(fs::directory_iterator("."), fs::directory_iterator());
     ASSERT_EQ(mdfSort(s.c_str(), target), 0);
@@ -403,10 +497,12 @@ std::vector<uint32_t> data_links(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   mdftest::Image head;
   head.bytes.resize(1 << 16);
-  in.read(reinterpret_cast<char*>(head.bytes.data()), static_cast<std::streamsize>(head.bytes.size()));
+  in.read(reinterpret_cast<char*>(head.bytes.data()),
+          static_cast<std::streamsize>(head.bytes.size()));
   head.bytes.resize(static_cast<size_t>(in.gcount()));
   std::vector<uint32_t> links;
-  for (uint32_t dg = head.u32(64 + 4); dg != 0; dg = head.u32(dg + 4)) links.push_back(head.u32(dg + 16));
+  for (uint32_t dg = head.u32(64 + 4); dg != 0; dg = head.u32(dg + 4))
+    links.push_back(head.u32(dg + 16));
   return links;
 }
 
