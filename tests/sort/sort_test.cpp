@@ -541,3 +541,20 @@ TEST_F(Sort, DataAreaBeyondFourGiB) {
 }
 
 }  // namespace
+
+namespace {
+
+// The flags word is read only from a parameter record that is long enough to hold it.
+TEST_F(Sort, ShortParameterRecordHasNoFlags) {
+  FileModel f = base();
+  f.data_groups[0].channel_groups[0].record_count = 3;
+  mdftest::write_file(dir_ / "in.mdf", mdftest::build(f).bytes);
+  const std::string s = (dir_ / "in.mdf").string();
+  const std::string d = (dir_ / "out.mdf").string();
+  for (uint32_t size : {52u, 56u}) {
+    MdfSortParams p{size, s.c_str(), d.c_str(), nullptr, nullptr, nullptr, nullptr, MDF_SORT_RECOUNT};
+    EXPECT_EQ(mdfSortWithProgress(&p), size < 56 ? MDF_CYCLES_DECREASED : MDF_CYCLES_INCREASED);
+  }
+}
+
+}  // namespace
