@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "convert/formula.h"
@@ -248,6 +250,77 @@ void modify_file(const uint8_t* data, size_t size) {
   for (size_t i = 0; i < size; ++i) {
     if (expected[i] != -1 && after[i] != expected[i]) __builtin_trap();
   }
+}
+
+namespace {
+
+// Whether the file opens read-only, and whether it holds one channel group per data group.
+bool opens(const std::string& name, bool* sorted = nullptr) {
+  mdfClose();
+  mdfOpen(nullptr);
+  mdf_file* file = nullptr;
+  if (mdfFileOpen(&file, name.c_str(), MDF_OPEN_READ) != 0) return false;
+  if (sorted != nullptr) *sorted = mdfFileIsSort(file) == 0;
+  mdfFileClose(file);
+  return true;
+}
+
+bool opens_sorted(const std::string& name) {
+  bool sorted = false;
+  return opens(name, &sorted) && sorted;
+}
+
+bool sorted_status(int16_t status) {
+  return status == 0 || status == MDF_CYCLES_INCREASED || status == MDF_CYCLES_DECREASED;
+}
+
+// The sort may change the source only by switching float data types 2 and 3 (the low byte
+// of a CN block's type field); the upper byte of those fields stays 0.
+void expect_only_float_repair(const std::vector<uint8_t>& before,
+                              const std::vector<uint8_t>& after) {
+  if (after.size() != before.size()) __builtin_trap();
+  for (size_t i = 0; i < before.size(); ++i) {
+    if (after[i] == before[i]) continue;
+    const bool swap = (before[i] == 2 && after[i] == 3) || (before[i] == 3 && after[i] == 2);
+    if (!swap || i + 1 >= before.size() || before[i + 1] != 0) __builtin_trap();
+  }
+}
+
+}  // namespace
+
+void sort_file(const uint8_t* data, size_t size) {
+  const std::string& source = scratch_path();
+  const std::string target = source + ".sorted";
+  const std::vector<uint8_t> original(data, data + size);
+  mdftest::write_file(source, original);
+  const bool readable = opens(source);
+  // Every combination of the four flags, chosen by the input.
+  const size_t pick =
+      std::hash<std::string_view>{}({reinterpret_cast<const char*>(data), size}) % 16;
+  const uint32_t flags =
+      ((pick & 1) != 0 ? MDF_SORT_RECOUNT : 0) | ((pick & 2) != 0 ? MDF_SORT_SHRINK : 0) |
+      ((pick & 4) != 0 ? MDF_SORT_CHECK_TIME : 0) | ((pick & 8) != 0 ? MDF_SORT_FINALIZE : 0);
+  mdfClose();
+  mdfOpen(nullptr);
+  MdfSortParams params{sizeof params, source.c_str(), target.c_str(), nullptr,
+                       nullptr,       nullptr,        nullptr,        flags};
+  const int16_t status = mdfSortWithProgress(&params);
+  const std::vector<uint8_t> repaired = mdftest::load_file(source);
+  expect_only_float_repair(original, repaired);
+  if (sorted_status(status) != std::filesystem::exists(target)) __builtin_trap();
+  // A target sorted from a file that opens must open and be sorted.
+  if (sorted_status(status) && readable && !opens_sorted(target)) __builtin_trap();
+  std::filesystem::remove(target);
+  // In place: the source is replaced by a sorted file, or stays as it was after the repair.
+  mdfClose();
+  mdfOpen(nullptr);
+  const int16_t again = mdfSort(source.c_str(), source.c_str());
+  if (sorted_status(again)) {
+    if (readable && !opens_sorted(source)) __builtin_trap();
+  } else if (mdftest::load_file(source) != repaired) {
+    __builtin_trap();
+  }
+  mdfClose();
 }
 
 void evaluate_formula(const uint8_t* data, size_t size) {

@@ -10,11 +10,12 @@
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    std::fprintf(stderr, "usage: fuzz_replay open|modify|formula FILE_OR_DIR...\n");
+    std::fprintf(stderr, "usage: fuzz_replay open|modify|sort|formula FILE_OR_DIR...\n");
     return 2;
   }
   auto target = std::strcmp(argv[1], "formula") == 0  ? korvel_fuzz::evaluate_formula
                 : std::strcmp(argv[1], "modify") == 0 ? korvel_fuzz::modify_file
+                : std::strcmp(argv[1], "sort") == 0   ? korvel_fuzz::sort_file
                                                       : korvel_fuzz::open_file;
   int replayed = 0;
   auto replay = [&](const std::filesystem::path& p) {
