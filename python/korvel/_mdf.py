@@ -13,6 +13,7 @@ from __future__ import annotations
 import ctypes
 import os
 import warnings
+from collections import OrderedDict
 from ctypes import byref, c_double, c_uint8, c_uint16, c_uint32, c_void_p
 from typing import Dict, Iterator, List, Optional, Sequence, Tuple, Union, overload
 
@@ -23,6 +24,9 @@ from ._lib import c_text, check, encode_text, fixed_text, fs_path, lock
 from .errors import MdfError, Status
 
 MODES = {"r": 0, "r+": 1, "w": 2}
+
+#: Library group handles a file keeps open at once (the least recently used is closed).
+MAX_OPEN_GROUPS = 4
 
 #: Signal data types of the channel block.
 DATA_TYPE_NAMES = {
@@ -66,6 +70,7 @@ class File:
         self._generation = -1
         self._token = object()  # changes whenever the handle does
         self._groups: Optional[List[Group]] = None
+        self._open_groups: "OrderedDict[int, Group]" = OrderedDict()
         with lock:
             self._open()
 
@@ -79,6 +84,7 @@ class File:
         self._handle = handle.value
         self._generation = L.generation
         self._token = object()
+        self._open_groups = OrderedDict()
 
     def _h(self) -> int:
         """The file handle; call with the lock held."""
@@ -249,6 +255,7 @@ class Group:
             # Opening a group of a file being created would create another group.
             raise ValueError(f"{self.file.path}: groups of a file being written are read "
                              "after it is closed")
+        open_groups = self.file._open_groups
         if self._handle is None or self._owner is not self.file._token:
             handle = c_void_p()
             mode = 1 if self.file.mode == "r+" else 0
@@ -257,7 +264,21 @@ class Group:
             self._handle = handle.value
             self._owner = self.file._token
             self._token = object()
+            open_groups[self.number] = self
+            # A few groups stay open: each keeps its channels and up to 16 MiB of records
+            # in the library, and the library's lists of open handles stay short.
+            while len(open_groups) > MAX_OPEN_GROUPS:
+                _, oldest = open_groups.popitem(last=False)
+                oldest._release()
+        else:
+            open_groups.move_to_end(self.number)
         return self._handle
+
+    def _release(self) -> None:
+        """Closes the library's group handle (with its channels); opened again when used."""
+        handle, self._handle, self._token = self._handle, None, None
+        if handle is not None and self._owner is self.file._token:
+            check(_lib.lib().mdfGrpClose(handle), repr(self))
 
     def __repr__(self) -> str:
         return f"<korvel.Group {self.number} of {self.file.path!r}>"
@@ -478,40 +499,52 @@ class Channel:
     # -- properties ------------------------------------------------------------------------------
 
     def _properties(self) -> Dict[str, object]:
+        """Name, type, bits and data type: asked once, in one call (reading values needs
+        no more)."""
         if self._props is not None:
             return self._props
+        with lock:
+            kind, bits, value_type, name = c_uint16(), c_uint16(), c_uint16(), c_void_p()
+            check(_lib.lib().mdfChnGetInfo(self._h(), byref(kind), byref(bits),
+                                           byref(value_type), byref(name), None, None),
+                  self._where())
+            self._props = {"name": c_text(name.value), "is_time": kind.value == 1,
+                           "bits": bits.value, "data_type": value_type.value}
+            return self._props
+
+    def _details(self) -> Dict[str, object]:
+        """The other properties, asked once when one of them is first wanted."""
+        p = self._properties()
+        if "unit" in p:
+            return p
         with lock:
             L = _lib.lib()
             h = self._h()
             where = self._where()
-            kind, bits, value_type = c_uint16(), c_uint16(), c_uint16()
-            name, desc, text = c_void_p(), c_void_p(), c_void_p()
-            check(L.mdfChnGetInfo(h, byref(kind), byref(bits), byref(value_type), byref(name),
-                                  byref(desc), byref(text)), where)
-            p: Dict[str, object] = {
-                "name": c_text(name.value), "description": c_text(desc.value),
-                "comment": c_text(text.value), "is_time": kind.value == 1,
-                "bits": bits.value, "data_type": value_type.value,
-            }
+            desc, text = c_void_p(), c_void_p()
+            check(L.mdfChnGetInfo(h, None, None, None, None, byref(desc), byref(text)), where)
+            d: Dict[str, object] = {"description": c_text(desc.value),
+                                    "comment": c_text(text.value)}
             extra, long_name, display_name = c_uint16(), c_void_p(), c_void_p()
             check(L.mdfChnGetInfoExt(h, byref(extra), byref(long_name), byref(display_name)),
                   where)
-            p["long_name"] = c_text(long_name.value)
-            p["display_name"] = c_text(display_name.value)
+            d["long_name"] = c_text(long_name.value)
+            d["display_name"] = c_text(display_name.value)
             bit, byte = c_uint8(), c_uint32()
             check(L.mdfChnGetBitAndByteOffset(h, byref(bit), byref(byte)), where)
-            p["bit_offset"] = byte.value * 8 + bit.value
+            d["bit_offset"] = byte.value * 8 + bit.value
             raster = c_double()
             check(L.mdfChnGetRaster(h, byref(raster)), where)
-            p["raster"] = raster.value
+            d["raster"] = raster.value
             rule, unit, params = c_uint16(), c_void_p(), c_void_p()
             status = L.mdfChnGetForm(h, byref(rule), byref(unit), byref(params))
             check(status, where)
             if status == Status.NO_FORMULA:
-                p["conversion_type"], p["unit"] = None, ""
+                d["conversion_type"] = None
             else:
-                p["conversion_type"], p["unit"] = rule.value, fixed_text(unit.value, 20)
-            self._props = p
+                d["conversion_type"] = rule.value
+            d["unit"] = fixed_text(unit.value, 20) if status != Status.NO_FORMULA else ""
+            p.update(d)
             return p
 
     @property
@@ -520,19 +553,19 @@ class Channel:
 
     @property
     def description(self) -> str:
-        return self._properties()["description"]  # type: ignore[return-value]
+        return self._details()["description"]  # type: ignore[return-value]
 
     @property
     def comment(self) -> str:
-        return self._properties()["comment"]  # type: ignore[return-value]
+        return self._details()["comment"]  # type: ignore[return-value]
 
     @property
     def long_name(self) -> str:
-        return self._properties()["long_name"]  # type: ignore[return-value]
+        return self._details()["long_name"]  # type: ignore[return-value]
 
     @property
     def display_name(self) -> str:
-        return self._properties()["display_name"]  # type: ignore[return-value]
+        return self._details()["display_name"]  # type: ignore[return-value]
 
     @property
     def is_time(self) -> bool:
@@ -546,7 +579,7 @@ class Channel:
     @property
     def bit_offset(self) -> int:
         """Position of the value's first bit in the record data."""
-        return self._properties()["bit_offset"]  # type: ignore[return-value]
+        return self._details()["bit_offset"]  # type: ignore[return-value]
 
     @property
     def data_type(self) -> int:
@@ -560,15 +593,15 @@ class Channel:
     @property
     def conversion_type(self) -> Optional[int]:
         """The conversion rule type (0 .. 12, 65535), None when the channel has no rule."""
-        return self._properties()["conversion_type"]  # type: ignore[return-value]
+        return self._details()["conversion_type"]  # type: ignore[return-value]
 
     @property
     def unit(self) -> str:
-        return self._properties()["unit"]  # type: ignore[return-value]
+        return self._details()["unit"]  # type: ignore[return-value]
 
     @property
     def raster(self) -> float:
-        return self._properties()["raster"]  # type: ignore[return-value]
+        return self._details()["raster"]  # type: ignore[return-value]
 
     @property
     def conversion_parameters(self) -> Tuple[float, ...]:
