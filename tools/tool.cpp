@@ -1,5 +1,11 @@
 #include "tool.h"
 
+#if defined(_WIN32)
+#include <io.h>
+#else
+#include <unistd.h>
+#endif
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -116,6 +122,14 @@ void catch_interrupt() {
   // A reader that stops early (korvel export FILE | head) makes writes fail instead of
   // killing the program before it removes its temporary directory.
   std::signal(SIGPIPE, SIG_IGN);
+#endif
+}
+
+bool stderr_is_terminal() {
+#if defined(_WIN32)
+  return _isatty(_fileno(stderr)) != 0;
+#else
+  return isatty(fileno(stderr)) != 0;
 #endif
 }
 

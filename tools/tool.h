@@ -119,6 +119,8 @@ class Session {
 extern volatile std::sig_atomic_t interrupted;
 // Installs the handler, and makes writes to a closed pipe fail rather than kill.
 void catch_interrupt();
+// Whether standard error is shown on a terminal (a progress bar) or goes to a file or pipe.
+bool stderr_is_terminal();
 // Thrown by loops that saw the interrupt.
 struct Interrupted {};
 

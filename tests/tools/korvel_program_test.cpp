@@ -114,6 +114,8 @@ TEST_F(Program, ExitCodesAndMessages) {
       {"status -1004", 0, true, "-1004: illegal group open mode"},
       {"dump run42.mdf", 0, true, "Datei run42.mdf\nIDBLOCK: 'MDF     '"},
       {"dump --hex run42.mdf", 0, true, "BLOCK 17480: 208 Bytes at 0 :48 \n44 D0 00 71"},
+      {"sort run42.mdf", 0, true, "run42.mdf: already sorted, left as it was\n"},
+      {"sort run42.mdf -o run42.mdf --quiet", 0, true, "already sorted"},
       {"dump missing.mdf", 1, false, "korvel: missing.mdf: could not open file (1000)\n"},
       {"", 2, false, "usage: korvel info"},
       {"bogus", 2, false, "usage: korvel info"},
