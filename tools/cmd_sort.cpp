@@ -57,6 +57,12 @@ void show(int percent, void* data) {
   p.drawn = true;
 }
 
+// The start of the sort: the empty bar at once, so that a terminal shows the sort running
+// before its first report (the library reports at most every 500 ms).
+void started(void* data) {
+  if (static_cast<Progress*>(data)->display == Progress::Display::bar) show(0, data);
+}
+
 int stop_requested(void*) { return interrupted != 0; }
 
 std::string outcome(int16_t status) {
@@ -85,6 +91,7 @@ int run(const Options& o) {
   params.srcFile = o.source.c_str();
   params.dstFile = in_place ? nullptr : o.target.c_str();
   params.userData = &progress;
+  params.pfnStart = started;
   params.pfnAbort = stop_requested;
   params.pfnProgress = show;
   params.flags = (o.recount ? MDF_SORT_RECOUNT : 0u) | (o.shrink ? MDF_SORT_SHRINK : 0u) |

@@ -5,6 +5,7 @@
 
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -17,7 +18,12 @@
 #include "support/scratch.h"
 
 #if !defined(_WIN32)
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
 #endif
 
 namespace {
@@ -364,5 +370,110 @@ TEST_F(Program, ExportMatchesTheSampleDescriptions) {
     }
   }
 }
+
+TEST_F(Program, SortsAnUnsortedSample) {
+  copy_sample("mdflib_unsorted.mdf");
+  const auto sorted = [&] { return json::parse(korvel("info --json mdflib_unsorted.mdf").out)[0]["sorted"]; };
+  ASSERT_EQ(sorted(), false);
+  ASSERT_EQ(korvel("export mdflib_unsorted.mdf -o before.csv").code, 0);
+  const Outcome r = korvel("sort mdflib_unsorted.mdf --quiet");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "mdflib_unsorted.mdf: sorted\n");
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(sorted(), true);
+  ASSERT_EQ(korvel("export mdflib_unsorted.mdf -o after.csv").code, 0);
+  for (const char* group : {".1.csv", ".2.csv"})
+    EXPECT_EQ(slurp(dir / ("after" + std::string(group))), slurp(dir / ("before" + std::string(group))));
+}
+
+#if !defined(_WIN32)
+// An unsorted file of about `bytes` bytes: one data group of three interleaved channel groups
+// (1-byte ids, records of 8, 24 and 64 bytes) in a random order.
+void write_unsorted(const fs::path& path, uint64_t bytes) {
+  constexpr uint16_t kSizes[] = {8, 24, 64};
+  mdftest::FileModel f;
+  auto& dg = f.add_data_group(1);
+  for (uint16_t g = 0; g < 3; ++g) {
+    auto& cg = dg.add_channel_group(kSizes[g], static_cast<uint16_t>(g + 1));
+    cg.add_channel("t", 0, 64, 3, 1);
+  }
+  mdftest::Built built = mdftest::build(f);
+  built.patch_u32(built.data_groups[0].offset + mdftest::off::dg_data, built.size());
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(built.bytes.data()),
+            static_cast<std::streamsize>(built.size()));
+  std::mt19937 random(7);
+  uint32_t counts[3] = {};
+  std::vector<char> chunk;
+  for (uint64_t written = 0; written < bytes; written += chunk.size()) {
+    chunk.clear();
+    while (chunk.size() < (4u << 20)) {
+      const auto g = random() % 3;
+      chunk.push_back(static_cast<char>(g + 1));
+      const double time = counts[g]++ * 0.001;
+      const std::size_t at = chunk.size();
+      chunk.resize(at + kSizes[g], static_cast<char>(g));
+      std::memcpy(chunk.data() + at, &time, sizeof time);
+    }
+    out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+  }
+  for (int g = 0; g < 3; ++g) {
+    out.seekp(built.data_groups[0].channel_groups[g].offset + mdftest::off::cg_record_count);
+    out.write(reinterpret_cast<const char*>(&counts[g]), 4);
+  }
+}
+
+// A 64-bit FNV-1a digest of a file, read in pieces.
+uint64_t digest(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<char> buffer(1u << 20);
+  uint64_t h = 14695981039346656037ull;
+  while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0) {
+    for (std::streamsize i = 0; i < in.gcount(); ++i)
+      h = (h ^ static_cast<unsigned char>(buffer[static_cast<std::size_t>(i)])) * 1099511628211ull;
+  }
+  return h;
+}
+
+// Ctrl-C during an in-place sort: the program stops the library, which leaves the source as it
+// was and no temporary file behind. The signal goes after the first percent line (the sort is
+// then running); the library checks for it at its next report, 500 ms later, so a sort that
+// ends before that gets a larger file.
+TEST_F(Program, CtrlCDuringASortLeavesTheSource) {
+  const fs::path source = dir / "big.mdf";
+  for (uint64_t bytes = 128u << 20;; bytes *= 3) {
+    ASSERT_LT(bytes, 2ull << 30) << "no sort lasted long enough to be stopped";
+    write_unsorted(source, bytes);
+    const uint64_t original = digest(source);
+    int err[2];
+    ASSERT_EQ(pipe(err), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      dup2(err[1], 2);
+      close(err[0]);
+      if (chdir(dir.c_str()) == 0) execl(KORVEL_PROGRAM, "korvel", "sort", "big.mdf", nullptr);
+      _exit(127);
+    }
+    close(err[1]);
+    std::string text;
+    char buffer[256];
+    bool sent = false;
+    for (ssize_t n; (n = read(err[0], buffer, sizeof buffer)) > 0;) {
+      text.append(buffer, static_cast<std::size_t>(n));
+      if (!sent && text.find("%\n") != std::string::npos) sent = kill(pid, SIGINT) == 0;
+    }
+    close(err[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status)) << text;
+    if (WEXITSTATUS(status) == 0) continue;  // sorted before the library looked: larger file
+    EXPECT_EQ(WEXITSTATUS(status), 130) << text;
+    EXPECT_EQ(digest(source), original);
+    for (const auto& e : fs::directory_iterator(dir))
+      EXPECT_NE(e.path().filename().string().rfind("KORVEL", 0), 0u) << e.path();
+    return;
+  }
+}
+#endif
 
 }  // namespace
