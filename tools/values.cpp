@@ -75,7 +75,6 @@ std::size_t GroupValues::add(const ChannelInfo& info, bool raw) {
             (info.rule == MDF_CC_FRM_VTAB || info.rule == MDF_CC_FRM_VTABR) &&
             (c.read == Read::integer || c.read == Read::real);
   if (c.table) load_table(c);
-  if (c.read == Read::text || c.read == Read::bytes) c.bytes.resize(info.bits / 8u + 1u);
   columns_.push_back(std::move(c));
   return columns_.size() - 1;
 }
@@ -125,21 +124,47 @@ void GroupValues::load_table(Column& c) {
   }
 }
 
-void GroupValues::seek(uint32_t index) {
-  if (static_cast<int64_t>(index) == current_) return;
-  const int16_t st = current_ >= 0 && index == current_ + 1
-                         ? mdfGrpSeek(group_, 1, MDF_SEEK_REL)
-                         : mdfGrpSeek(group_, static_cast<int32_t>(index), 0);
-  check(st, file_);
-  current_ = index;
-  for (Column& c : columns_) c.fresh = false;
+// Reads the window of records that holds the current record, each array the column needs.
+// A status of the array reads holds for every record of the window, as the per-value reads
+// would give it record by record; a failure of the library throws LibraryError.
+void GroupValues::fill(Column& c) {
+  constexpr uint32_t kWindow = 4096;
+  c.first = current_ - current_ % kWindow;
+  c.size = std::min(kWindow, records() - c.first);
+  channelnode* ch = c.info.handle;
+  const auto keep = [&](int16_t st) {
+    if (st < 0) check(st, file_);
+    return st == MDF_END_OF_GROUP ? int16_t{0} : st;
+  };
+  c.raw_status = c.physical_status = 0;
+  const bool raw_integers = c.read == Read::integer && (c.exact_integer || c.table);
+  const bool raw_reals = c.read == Read::real && (c.raw || c.table);
+  if (raw_integers) {
+    c.integers.resize(c.size);
+    c.raw_status = keep(mdfChnReadHexIntArray(c.integers.data(), nullptr, ch, c.first, c.size));
+  } else if (raw_reals) {
+    c.raws.resize(c.size);
+    c.raw_status = keep(mdfChnReadHexArray(c.raws.data(), nullptr, ch, c.first, c.size));
+  } else if (c.read == Read::text || c.read == Read::bytes) {
+    c.width = std::max(1u, c.info.bits / 8u);
+    c.bytes.resize(std::size_t{c.size} * c.width);
+    c.raw_status =
+        keep(mdfChnReadBytesArray(c.bytes.data(), c.width, nullptr, ch, c.first, c.size));
+  }
+  const bool shown_raw = (raw_integers && c.exact_integer) || (raw_reals && c.raw) ||
+                         c.read == Read::text || c.read == Read::bytes;
+  if (c.raw_status == 0 && !shown_raw) {
+    c.physicals.resize(c.size);
+    c.physical_status = keep(mdfChnReadPhyArray(c.physicals.data(), nullptr, ch, c.first, c.size));
+  }
 }
 
 const Cell& GroupValues::get(std::size_t i) {
   Column& c = columns_[i];
-  if (!c.fresh) {
+  if (c.cell_of != current_) {
+    if (current_ < c.first || current_ - c.first >= c.size) fill(c);
     read(c);
-    c.fresh = true;
+    c.cell_of = current_;
     if (c.cell.status != 0 && c.failure == 0) c.failure = c.cell.status;
   }
   return c.cell;
@@ -147,15 +172,15 @@ const Cell& GroupValues::get(std::size_t i) {
 
 void GroupValues::read(Column& c) {
   Cell& cell = c.cell;
-  channelnode* ch = c.info.handle;
+  const std::size_t k = current_ - c.first;
   cell.shown = Cell::Shown::none;
   cell.has_number = false;
-  int16_t st = 0;
+  int16_t st = c.raw_status;
   double raw = 0;
   switch (c.read) {
     case Read::integer: {
       if (!c.exact_integer && !c.table) break;
-      st = mdfChnGetHexInt(&cell.u, ch, 0);
+      cell.u = c.integers[k];
       cell.s = static_cast<int64_t>(cell.u);
       raw = is_signed(c.info.data_type) ? static_cast<double>(cell.s) : static_cast<double>(cell.u);
       if (st == 0 && c.exact_integer) {
@@ -167,7 +192,7 @@ void GroupValues::read(Column& c) {
       break;
     }
     case Read::real:
-      st = (c.raw || c.table) ? mdfChnGetHex(&raw, ch, 0) : 0;
+      if (c.raw || c.table) raw = c.raws[k];
       if (st == 0 && c.raw) {
         cell.shown = Cell::Shown::real;
         cell.real = cell.number = raw;
@@ -176,18 +201,16 @@ void GroupValues::read(Column& c) {
       break;
     case Read::text:
     case Read::bytes: {
-      uint32_t length = static_cast<uint32_t>(c.bytes.size());
-      st = mdfChnGetData(c.bytes.data(), &length, ch, 0);
       if (st != 0) break;
       cell.text.clear();
-      length = std::min<uint32_t>(length, static_cast<uint32_t>(c.bytes.size()));
-      for (uint32_t k = 0; k < length; ++k) {
+      const uint8_t* value = c.bytes.data() + k * c.width;
+      for (uint32_t b = 0; b < c.width; ++b) {
         if (c.read == Read::text) {
-          if (c.bytes[k] == 0) break;
-          cell.text.push_back(static_cast<char>(c.bytes[k]));
+          if (value[b] == 0) break;
+          cell.text.push_back(static_cast<char>(value[b]));
         } else {
-          cell.text.push_back("0123456789abcdef"[c.bytes[k] >> 4]);
-          cell.text.push_back("0123456789abcdef"[c.bytes[k] & 15]);
+          cell.text.push_back("0123456789abcdef"[value[b] >> 4]);
+          cell.text.push_back("0123456789abcdef"[value[b] & 15]);
         }
       }
       cell.shown = Cell::Shown::text;
@@ -195,9 +218,9 @@ void GroupValues::read(Column& c) {
     }
   }
   if (st == 0 && cell.shown == Cell::Shown::none) {
-    double physical = 0;
-    st = mdfChnGetPhy(&physical, ch, 0);
+    st = c.physical_status;
     if (st == 0) {
+      const double physical = c.physicals[k];
       cell.shown = Cell::Shown::real;
       cell.real = cell.number = physical;
       cell.has_number = true;

@@ -41,7 +41,8 @@ struct Cell {
 // Values of chosen channels of one group, record by record. Physical values, except that an
 // integer channel without a rule (or with the 1:1 rule) is shown as the exact integer, value
 // tables as their texts, strings as text and byte arrays as hex; raw columns show the
-// unconverted values.
+// unconverted values. Each column is read through the library's array reads, a window of
+// records at a time; the group's record cursor does not move.
 class GroupValues {
  public:
   GroupValues(mdf_group* group, const std::string& file);
@@ -51,9 +52,8 @@ class GroupValues {
   // may claim billions of them, each read without touching the file); hollow() tells.
   uint32_t records() const { return hollow_ ? 0 : records_; }
   bool hollow() const { return hollow_; }
-  // Makes record `index` the current record; cheap for the next record in order. A failure
-  // of the library throws LibraryError.
-  void seek(uint32_t index);
+  // Makes record `index` (below records()) the current record.
+  void seek(uint32_t index) { current_ = index; }
   // The value of column i in the current record.
   const Cell& get(std::size_t i);
   // The first status other than 0 met in column i (its values are shown empty).
@@ -73,19 +73,26 @@ class GroupValues {
     bool table = false;          // value-to-text rule
     std::vector<TableEntry> entries;
     std::string default_text;  // range tables: the text of entry 0 when no range holds
+    // The window of records read: [first, first + size); per record the raw integer, the
+    // raw value as a double, the physical value or `width` bytes, as the column needs them.
+    uint32_t first = 0, size = 0, width = 0;
+    std::vector<uint64_t> integers;
+    std::vector<double> raws, physicals;
     std::vector<uint8_t> bytes;
+    int16_t raw_status = 0, physical_status = 0;  // of the window's reads, for every record
     Cell cell;
-    bool fresh = false;
+    int64_t cell_of = -1;  // the record the cell holds
     int16_t failure = 0;
   };
   void load_table(Column& c);
+  void fill(Column& c);
   void read(Column& c);
 
   mdf_group* group_;
   std::string file_;
   uint32_t records_ = 0;
   bool hollow_ = false;
-  int64_t current_ = -1;
+  uint32_t current_ = 0;
   std::vector<Column> columns_;
 };
 
