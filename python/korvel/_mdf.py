@@ -11,6 +11,7 @@ use; a file opened for writing cannot be, and raises :class:`MdfError` instead.
 from __future__ import annotations
 
 import ctypes
+import functools
 import os
 import warnings
 from collections import OrderedDict
@@ -317,7 +318,37 @@ class Group:
                 n = c_uint16()
                 check(_lib.lib().mdfGrpChannels(byref(n), self._h()), repr(self))
                 self._channels = ChannelList([Channel(self, i) for i in range(1, n.value + 1)])
+                self._open_channels()
             return self._channels
+
+    def _open_channels(self) -> List["Channel"]:
+        """Every channel with its handle in the current group handle and its properties, in
+        one pass of two library calls per channel (a group may have thousands); call with
+        the lock held."""
+        channels = self.channels._channels
+        gh = self._h()
+        token = self._token
+        L = _lib.lib()
+        open_channel, get_info, string_at = L.mdfChnOpen, L.mdfChnGetInfo, ctypes.string_at
+        handle = c_void_p()
+        handle_ref = byref(handle)
+        kind, bits, value_type, name = c_uint16(), c_uint16(), c_uint16(), c_void_p()
+        refs = (byref(kind), byref(bits), byref(value_type), byref(name), None, None)
+        for ch in channels:
+            if ch._owner is not token:
+                status = open_channel(handle_ref, gh, ch.index)
+                if status != 0:
+                    check(status, ch._where(), fail=(Status.CHANNEL_NOT_FOUND,))
+                ch._handle, ch._owner = handle.value, token
+            if ch._props is None:
+                status = get_info(ch._handle, *refs)
+                if status != 0:
+                    check(status, ch._where())
+                t, b = value_type.value, bits.value
+                ch._props = {"name": string_at(name.value).decode("latin-1") if name.value
+                             else "", "is_time": kind.value == 1, "bits": b,
+                             "data_type": t, "dtype": _dtype_of(t, b)}
+        return channels
 
     def __getitem__(self, key: Union[int, str]) -> "Channel":
         return self.channels[key]
@@ -352,19 +383,19 @@ class Group:
         appended), as :meth:`Channel.values` gives them. Physical values of all numeric
         channels are read into one block, one library call per channel."""
         with lock:
-            channels = list(self.channels)
+            channels = self._open_channels()
             records = self._records()
             names: List[str] = []
             taken = set()
             for ch in channels:
-                name = ch.name
+                name = ch._props["name"]
                 while name in taken:  # channel names need not be unique
                     name += "_"
                 names.append(name)
                 taken.add(name)
             result: Dict[str, np.ndarray] = {}
-            rows = [i for i, ch in enumerate(channels)
-                    if not raw and ch.raw_dtype().kind not in "SV"]
+            rows = [] if raw else [i for i, ch in enumerate(channels)
+                                   if ch._props["dtype"].kind not in "SV"]
             if rows:
                 L = _lib.lib()
                 block = np.empty((len(rows), records), dtype=np.float64)
@@ -374,7 +405,7 @@ class Group:
                 done_ref = byref(done)
                 for row, i in enumerate(rows):
                     ch = channels[i]
-                    status = read(base + row * stride, done_ref, ch._h(), 0, records)
+                    status = read(base + row * stride, done_ref, ch._handle, 0, records)
                     if status != 0:
                         _check_values(status, ch._where())
                     result[names[i]] = block[row, : done.value]
@@ -405,6 +436,22 @@ class Group:
         else:
             index = pd.RangeIndex(self.records)
         return pd.DataFrame(columns, index=index)
+
+
+@functools.lru_cache(maxsize=None)
+def _dtype_of(data_type: int, bits: int) -> np.dtype:
+    """The numpy type of raw values of a data type and bit count."""
+    if data_type in _SIGNED:
+        return _int_dtype(bits, True)
+    if data_type in _UNSIGNED:
+        return _int_dtype(bits, False)
+    if data_type == STRING:
+        return np.dtype(f"S{max(bits // 8, 1)}")
+    if data_type == BYTES:
+        return np.dtype(f"V{max(bits // 8, 1)}")
+    if data_type in (2, 11, 15) or (data_type == 4 and bits == 32):
+        return np.dtype(np.float32)
+    return np.dtype(np.float64)
 
 
 def _span(records: int, first: int, count: Optional[int]) -> int:
@@ -659,22 +706,8 @@ class Channel:
         """The numpy type of the channel's raw values."""
         p = self._properties()
         if "dtype" not in p:
-            p["dtype"] = self._raw_dtype()
+            p["dtype"] = _dtype_of(p["data_type"], p["bits"])  # type: ignore[arg-type]
         return p["dtype"]  # type: ignore[return-value]
-
-    def _raw_dtype(self) -> np.dtype:
-        t, bits = self.data_type, self.bits
-        if t in _SIGNED:
-            return _int_dtype(bits, True)
-        if t in _UNSIGNED:
-            return _int_dtype(bits, False)
-        if t == STRING:
-            return np.dtype(f"S{max(bits // 8, 1)}")
-        if t == BYTES:
-            return np.dtype(f"V{max(bits // 8, 1)}")
-        if t in (2, 11, 15) or (t == 4 and bits == 32):
-            return np.dtype(np.float32)
-        return np.dtype(np.float64)
 
     def values(self, first: int = 0, count: Optional[int] = None,
                raw: bool = False) -> np.ndarray:

@@ -24,6 +24,7 @@ int16_t append_channel(channelnode* ch) {
   if (!is_channel(ch)) return internal_error("CNODE", 44);
   auto& s = state();
   ch->next = nullptr;
+  ch->prev = s.open_channels_tail;
   if (s.open_channels_tail == nullptr) {
     s.open_channels = ch;
   } else {
@@ -33,23 +34,27 @@ int16_t append_channel(channelnode* ch) {
   return 0;
 }
 
+namespace {
+
+bool in_list(const channelnode* ch) {
+  return ch->prev != nullptr || state().open_channels == ch;
+}
+
+}  // namespace
+
 int16_t remove_channel(channelnode* ch) {
   if (!is_channel(ch)) return internal_error("CNODE", 60);
+  if (!in_list(ch)) return MDF_ERR_NODE_NOT_FOUND;
   auto& s = state();
-  channelnode* previous = nullptr;
-  for (channelnode* it = s.open_channels; it != nullptr; previous = it, it = it->next) {
-    if (it != ch) continue;
-    (previous == nullptr ? s.open_channels : previous->next) = it->next;
-    if (s.open_channels_tail == it) s.open_channels_tail = previous;
-    it->next = nullptr;
-    return 0;
-  }
-  return MDF_ERR_NODE_NOT_FOUND;
+  (ch->prev == nullptr ? s.open_channels : ch->prev->next) = ch->next;
+  (ch->next == nullptr ? s.open_channels_tail : ch->next->prev) = ch->prev;
+  ch->next = ch->prev = nullptr;
+  return 0;
 }
 
 int16_t free_channel(channelnode* ch) {
   if (!is_channel(ch)) return internal_error("CNODE", 76);
-  if (remove_channel(ch) != MDF_ERR_NODE_NOT_FOUND) return internal_error("CNODE", 78);
+  if (in_list(ch)) return internal_error("CNODE", 78);
   mdfFree(ch);
   return 0;
 }

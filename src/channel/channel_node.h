@@ -15,6 +15,7 @@ struct channelnode {
   uint16_t read_steps = 0;      // read calls made; while 0 a read stays on the record
   uint16_t write_steps = 0;     // write calls made; while 0 a write stays on the record
   channelnode* next = nullptr;  // next open channel, in order of opening
+  channelnode* prev = nullptr;  // previous open channel (a channel leaves the list at once)
   korvel::PlanCache plan;       // decoding prepared for the value reads
 };
 
