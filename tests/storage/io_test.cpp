@@ -439,6 +439,22 @@ TEST_F(Io, TheWriteBufferSavesSystemCalls) {
   EXPECT_EQ(get(name), data);
 }
 
+// Buffered bytes that the system refuses (a full disk) fail as an unbuffered write does.
+TEST_F(Io, BufferedBytesThatCannotBeWrittenFailAsAWrite) {
+  if (!fs::exists("/dev/full")) GTEST_SKIP() << "no device that is always full";
+  for (const bool by_commit : {true, false}) {
+    restart();
+    const uint16_t n = open("/dev/full", kBuffered | io::kModify);
+    ASSERT_EQ(io::write("abcd", 4, n), 0);
+    EXPECT_EQ(io::tell(n), 4);
+    uint8_t b = 0;
+    EXPECT_EQ(by_commit ? io::commit(n) : io::read(&b, 1, n), MDF_ERR_WRITE);
+    EXPECT_EQ(io::tell(n), 0);
+    EXPECT_EQ(std::string(mdfGetErrorText()), "could not write file \n");
+    close(n);
+  }
+}
+
 // A stream must not serve bytes it read ahead before its file was cut or grown.
 TEST_F(Io, StreamSetSizeDropsReadAhead) {
   const uint16_t n = open(put("f.bin", pattern(100000, 5)), kStream | io::kModify);
