@@ -26,16 +26,13 @@ constexpr const char kDisplayNameMarker[] = "$Displayname: ";
 constexpr std::size_t kMarkerCompare = 11;
 constexpr std::size_t kDisplayNameWord = 255;
 
-// Texts handed out that are not pointers into block images. Each is overwritten by the next
-// call that hands out the same kind of text; the library is used from one thread at a time.
-struct TextBuffers {
-  char name[cn::kNameLength + 1];                // a short name that fills its field
-  char description[cn::kDescriptionLength + 1];  // a description that fills its field
-  char fallback_name[cn::kNameLength + 1];       // mdfChnGetLongName's short-name fallback
-  std::string long_name;                         // mdfChnGetInfoExt's long name
-  std::string display_name;                      // mdfChnGetInfoExt's display name
-};
-TextBuffers g_texts;
+// Texts handed out that are not pointers into block images (in the process-wide state).
+ChannelTexts& texts() {
+  return state().kept.channel_texts;
+}
+static_assert(sizeof ChannelTexts::name == cn::kNameLength + 1 &&
+              sizeof ChannelTexts::description == cn::kDescriptionLength + 1 &&
+              sizeof ChannelTexts::fallback_name == cn::kNameLength + 1);
 
 int16_t bad_channel() {
   return raise(MDF_ERR_BAD_CHANNEL, "");
@@ -77,9 +74,9 @@ void get_info(channelnode* ch, uint16_t* type, uint16_t* bits, uint16_t* value_t
   if (type != nullptr) *type = load_le16(b + cn::kType);
   if (bits != nullptr) *bits = load_le16(b + cn::kBitCount);
   if (value_type != nullptr) *value_type = load_le16(b + cn::kDataType);
-  if (name != nullptr) *name = field_text(b + cn::kName, cn::kNameLength, g_texts.name);
+  if (name != nullptr) *name = field_text(b + cn::kName, cn::kNameLength, texts().name);
   if (desc != nullptr) {
-    *desc = field_text(b + cn::kDescription, cn::kDescriptionLength, g_texts.description);
+    *desc = field_text(b + cn::kDescription, cn::kDescriptionLength, texts().description);
   }
   if (text != nullptr) *text = linked_text(ch, cn::kComment);
 }
@@ -133,12 +130,12 @@ void get_info_ext(channelnode* ch, uint16_t* byte_offset, const char** long_name
                   const char** display_name) {
   if (byte_offset != nullptr) *byte_offset = additional_byte_offset(ch->cn);
   if (long_name != nullptr) {
-    g_texts.long_name = long_name_of(ch);
-    *long_name = g_texts.long_name.c_str();
+    texts().long_name = long_name_of(ch);
+    *long_name = texts().long_name.c_str();
   }
   if (display_name != nullptr) {
-    g_texts.display_name = display_name_of(ch);
-    *display_name = g_texts.display_name.c_str();
+    texts().display_name = display_name_of(ch);
+    *display_name = texts().display_name.c_str();
   }
 }
 
@@ -250,7 +247,7 @@ KORVEL_API int16_t mdfChnGetLongName(channelnode* channel, const char** longName
     const char* text = nullptr;
     get_info_ext(channel, nullptr, &text, nullptr);
     if (text[0] == '\0') {
-      text = field_text(channel->cn->image + cn::kName, cn::kNameLength, g_texts.fallback_name);
+      text = field_text(channel->cn->image + cn::kName, cn::kNameLength, texts().fallback_name);
     }
     if (longName != nullptr) *longName = text;
     return 0;

@@ -26,20 +26,6 @@ char* bounded_copy(char* dst, const char* src, int32_t len) {
 
 extern "C" {
 
-KORVEL_API int16_t mdfOpen(const char* programId) {
-  auto& s = korvel::state();
-  if (s.context_depth != 0) {
-    return korvel::finish(korvel::raise(MDF_ALREADY_OPEN, ""));
-  }
-  korvel::reset_state();
-  // Fixed-width field: an 8-character name stays unterminated.
-  std::strncpy(s.program_id, programId != nullptr ? programId : "KORVEL", sizeof s.program_id);
-  s.first_error = 0;
-  s.first_error_text[0] = '\0';
-  s.context_depth = 1;
-  return s.last_status;
-}
-
 KORVEL_API int16_t mdfClose(void) {
   auto& s = korvel::state();
   if (s.context_depth == 0) return korvel::finish(0);

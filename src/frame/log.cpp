@@ -6,15 +6,15 @@
 #include "frame/frame.h"
 
 namespace {
-std::FILE* g_log = nullptr;
 
 int print_to_log(const char* format, va_list args) {
-  if (g_log == nullptr) {
-    g_log = std::fopen("KORVEL.LOG", "w");
-    if (g_log == nullptr) return 0;  // tried again at the next print
+  std::FILE*& log = korvel::state().kept.log;
+  if (log == nullptr) {
+    log = std::fopen("KORVEL.LOG", "w");
+    if (log == nullptr) return 0;  // tried again at the next print
   }
-  const int written = std::vfprintf(g_log, format, args);
-  std::fflush(g_log);
+  const int written = std::vfprintf(log, format, args);
+  std::fflush(log);
   return written;
 }
 

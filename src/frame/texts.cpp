@@ -7,8 +7,6 @@
 #include "frame/frame.h"
 
 namespace {
-char g_user_text_file[261] = {};  // survives mdfOpen
-char g_text_result[128] = {};
 
 // Looks `code` up in one text file; true when a line gave its text.
 bool lookup_in_file(const char* path, int16_t code) {
@@ -21,7 +19,8 @@ bool lookup_in_file(const char* path, int16_t code) {
     line[std::strcspn(line, "\r\n")] = '\0';
     const char* colon = std::strchr(line, ':');
     if (colon == nullptr) continue;  // a numbered line without a colon means nothing
-    std::snprintf(g_text_result, sizeof g_text_result, "%s", colon + 1);
+    char* result = korvel::state().kept.text_result;
+    std::snprintf(result, sizeof korvel::LibraryState::Kept::text_result, "%s", colon + 1);
     std::fclose(f);
     return true;
   }
@@ -33,16 +32,22 @@ bool lookup_in_file(const char* path, int16_t code) {
 extern "C" {
 
 KORVEL_API int16_t mdfSetUsrTextFile(const char* path) {
-  std::snprintf(g_user_text_file, sizeof g_user_text_file, "%s", path != nullptr ? path : "");
+  char* name = korvel::state().kept.user_text_file;
+  std::snprintf(name, sizeof korvel::LibraryState::Kept::user_text_file, "%s",
+                path != nullptr ? path : "");
   return 0;
 }
 
 KORVEL_API const char* mdfGetTextStrF(int16_t code) {
-  std::snprintf(g_text_result, sizeof g_text_result, "[KORVEL] Error Nr.: %d", code);
-  if (g_user_text_file[0] != '\0' && lookup_in_file(g_user_text_file, code)) return g_text_result;
-  if (lookup_in_file("KORVEL.TXT", code)) return g_text_result;
-  std::snprintf(g_text_result, sizeof g_text_result, "[KORVEL] Error Nr.: %d", code);
-  return g_text_result;
+  auto& kept = korvel::state().kept;
+  constexpr std::size_t kSize = sizeof kept.text_result;
+  std::snprintf(kept.text_result, kSize, "[KORVEL] Error Nr.: %d", code);
+  if (kept.user_text_file[0] != '\0' && lookup_in_file(kept.user_text_file, code)) {
+    return kept.text_result;
+  }
+  if (lookup_in_file("KORVEL.TXT", code)) return kept.text_result;
+  std::snprintf(kept.text_result, kSize, "[KORVEL] Error Nr.: %d", code);
+  return kept.text_result;
 }
 
 }  // extern "C"

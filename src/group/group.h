@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 
+#include "frame/frame.h"
 #include "korvel.h"
 #include "storage/node.h"
 
@@ -76,12 +77,10 @@ int16_t refresh_record_layout(mdf_group* g);
 
 // The open-by-index cache of the channel API: the group, index and CN block of the last
 // open by index. Closing a group forgets it.
-struct ChannelCache {
-  mdf_group* group = nullptr;
-  uint16_t index = 0;
-  Node* cn = nullptr;
-};
 ChannelCache& channel_cache();
+
+// Closes the open groups of a file that is being closed (the file API's hook).
+int16_t close_groups_of_file(mdf_file* file);
 
 // Record cursor operations behind mdfGrpSeek, mdfGrpWrite and mdfGrpWriteAppend, for the
 // channel functions (no sticky check, no last status).

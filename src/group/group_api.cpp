@@ -22,8 +22,6 @@ using namespace layout;
 
 namespace {
 
-ChannelCache g_channel_cache;
-
 int16_t bad_group() {
   return raise(MDF_ERR_BAD_GROUP, "");
 }
@@ -411,7 +409,7 @@ int16_t write_modified_group(mdf_group* g) {
 }
 
 int16_t close_group(mdf_group* g) {
-  g_channel_cache = ChannelCache{};
+  state().channel_cache = ChannelCache{};
   // Every channel of the group goes, even one whose last record could not be stored: a
   // channel must never outlive its group.
   int16_t channel_status = 0;
@@ -438,13 +436,16 @@ int16_t close_group(mdf_group* g) {
     if (io::seek(g->file->io_number, 0, io::kToEnd) != 0) return raise(MDF_ERR_SEEK, "");
     const int16_t st = g->mode == 2 ? write_created_group(g) : write_modified_group(g);
     if (st != 0) return st;
+    // A closed group is in the file whole, also for programs that read it meanwhile.
+    if (int16_t cst = io::commit(g->file->io_number); cst != 0) return cst;
   }
   unlink_group(g);
   free_group(g);
   return 0;
 }
 
-// Closes the open groups of a file that is being closed.
+}  // namespace
+
 int16_t close_groups_of_file(mdf_file* file) {
   mdf_group* g = state().open_groups;
   while (g != nullptr) {
@@ -462,7 +463,7 @@ int16_t close_groups_of_file(mdf_file* file) {
   return 0;
 }
 
-[[maybe_unused]] const bool g_hook_set = (set_close_groups_hook(&close_groups_of_file), true);
+namespace {
 
 int16_t delete_group(mdf_file* file, uint16_t n) {
   if (n > file->group_count) return raise(MDF_GROUP_NOT_FOUND, "");
@@ -508,7 +509,7 @@ int16_t delete_group(mdf_file* file, uint16_t n) {
 }  // namespace
 
 ChannelCache& channel_cache() {
-  return g_channel_cache;
+  return state().channel_cache;
 }
 
 uint16_t record_size(const mdf_group* g) {

@@ -19,9 +19,6 @@ using namespace layout;
 constexpr const char* kUnit = "MDFGRP3";
 constexpr uint16_t kChoiceBits = 7;  // the low bits of a time seek mode choose the record
 
-// Records read by time searches since the process started; for measurements only.
-uint64_t g_probes = 0;
-
 uint8_t* time_rule(mdf_group* g) {
   return g->time_conversion != nullptr ? g->time_conversion->image : nullptr;
 }
@@ -40,7 +37,7 @@ int16_t seek_index(mdf_group* g, uint32_t index) {
 
 // Puts the cursor on record `index` and reads its time.
 int16_t probe(mdf_group* g, uint32_t index, double* time) {
-  ++g_probes;
+  ++state().kept.time_probes;
   if (int16_t st = seek_index(g, index); st != 0) return st;
   return read_time(g, time);
 }
@@ -54,7 +51,7 @@ int16_t scan_to_time(mdf_group* g, double current, double target) {
   }
   for (;;) {
     double time = 0.0;
-    ++g_probes;
+    ++state().kept.time_probes;
     if (int16_t st = read_time(g, &time); st != 0) return st;
     if (!(time < target)) return 0;
     if (int16_t st = group_seek(g, 1, MDF_SEEK_REL); st != 0) return st;
@@ -168,7 +165,7 @@ int16_t group_seek_time(mdf_group* g, double time, uint16_t mode) {
 }
 
 uint64_t time_search_probes() {
-  return g_probes;
+  return state().kept.time_probes;
 }
 
 namespace {

@@ -11,62 +11,60 @@ constexpr const char* kUnit = "MDFSORTF";
 constexpr uint32_t kThrottleMs = 500;
 constexpr uint32_t kFlagsFrom = 56;  // structSize from which the flags word is read
 
-struct Progress {
-  MdfSortParams* params = nullptr;
-  uint32_t last_tick = 0;
-  uint32_t last_percent = 0;
-};
-Progress g_progress;
-TickSource g_tick = nullptr;
+// The progress of the sort running now, in the process-wide state.
+SortProgress& progress() {
+  return state().kept.sort_progress;
+}
 
 uint32_t now() {
-  return g_tick != nullptr ? g_tick() : platform::tick_count_ms();
+  const TickSource tick = progress().tick;
+  return tick != nullptr ? tick() : platform::tick_count_ms();
 }
 
 // Whether a report is due; notes the time when it is.
 bool due() {
   const uint32_t t = now();
-  const uint64_t last = g_progress.last_tick;
+  const uint64_t last = progress().last_tick;
   if (last <= t && t <= last + kThrottleMs) return false;
-  g_progress.last_tick = t;
+  progress().last_tick = t;
   return true;
 }
 
 void call_progress(uint32_t percent) {
-  MdfSortParams* p = g_progress.params;
+  MdfSortParams* p = progress().params;
   if (p->pfnProgress == nullptr) return;
   if (percent > 100) percent = 100;
-  if (percent <= g_progress.last_percent) return;
+  if (percent <= progress().last_percent) return;
   p->pfnProgress(static_cast<int>(percent), p->userData);
-  g_progress.last_percent = percent;
+  progress().last_percent = percent;
   platform::yield_processor();
 }
 
 }  // namespace
 
 void set_tick_source(TickSource source) {
-  g_tick = source;
+  progress().tick = source;
 }
 
 void begin_progress(MdfSortParams* params) {
-  g_progress.params = params;
-  g_progress.last_percent = 0;
-  g_progress.last_tick = now();
+  progress().params = params;
+  progress().last_percent = 0;
+  progress().last_tick = now();
   if (params != nullptr && params->pfnStart != nullptr) params->pfnStart(params->userData);
 }
 
 void end_progress() {
-  g_progress.params = nullptr;
+  progress().params = nullptr;
 }
 
 uint32_t current_flags() {
-  const MdfSortParams* p = g_progress.params;
+  const MdfSortParams* p = progress().params;
   if (p == nullptr || p->structSize < kFlagsFrom) return 0;
   return p->flags;
 }
 
 int16_t report(uint32_t percent) {
-  MdfSortParams* p = g_progress.params;
+  MdfSortParams* p = progress().params;
   if (p == nullptr || !due()) return 0;
   call_progress(percent);
   if (p->pfnAbort != nullptr && p->pfnAbort(p->userData) != 0) {
@@ -76,7 +74,7 @@ int16_t report(uint32_t percent) {
 }
 
 void report_final() {
-  if (g_progress.params != nullptr && due()) call_progress(100);
+  if (progress().params != nullptr && due()) call_progress(100);
 }
 
 }  // namespace korvel::sort

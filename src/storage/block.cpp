@@ -523,8 +523,8 @@ int16_t read_block(mdf_file* file, uint32_t link, uint16_t expected, Node** out,
   if (expected != 0 && kind != expected) return raise(MDF_ERR_FORMAT, "");
   // The number of link fields of CC and CD blocks depends on their contents, so the image
   // is read first and the node made with its link records afterwards.
-  static std::vector<uint8_t> scratch;
-  static std::vector<uint32_t> fields;
+  std::vector<uint8_t>& scratch = state().kept.block_scratch;
+  std::vector<uint32_t>& fields = state().kept.link_fields;
   scratch.resize(size);
   fields.resize(size / 4 + 8);
   std::memcpy(scratch.data(), head, 4);

@@ -6,9 +6,12 @@
 
 namespace korvel {
 
-// Hook through which closing a file closes its open groups; the group API fills it.
-using CloseGroupsHook = int16_t (*)(mdf_file* file);
+// Sets the hook through which closing a file closes its open groups (the group API's).
 void set_close_groups_hook(CloseGroupsHook hook);
+
+// Closes every open file whose context depth is at least `depth` and returns the status of
+// the last close (the frame's hook for closing a context level).
+int16_t close_files_at_depth(uint16_t depth);
 
 // Maps what the bytes of a file opened for modifying hold: every block read at open, and the
 // records of every data group (from its data position, the declared records of its channel

@@ -13,26 +13,6 @@ namespace {
 
 using namespace layout;
 
-CloseGroupsHook g_close_groups = nullptr;
-
-char g_date[11];
-char g_time[9];
-
-// Closes every open file whose context depth is at least `depth`.
-int16_t close_files_at_depth(uint16_t depth) {
-  int16_t status = 0;
-  mdf_file* file = state().open_files;
-  while (file != nullptr) {
-    if (file->tag != kFileTag) return internal_error("MDFINIT1", 29);
-    mdf_file* next = file->next;
-    if (file->context_depth >= depth) status = mdfFileClose(file);
-    file = next;
-  }
-  return status;
-}
-
-[[maybe_unused]] const bool g_hook_set = (set_close_files_hook(&close_files_at_depth), true);
-
 int16_t bad_file() {
   return raise(MDF_ERR_BAD_FILE, "");
 }
@@ -51,7 +31,9 @@ int16_t open_file(mdf_file** out, const char* name, uint16_t mode) {
   if (mode >= 3) return raise(MDF_ERR_OPEN_MODE, "");
   *out = nullptr;
   uint16_t number = io::kNoFile;
-  if (int16_t st = io::open(&number, name, static_cast<uint16_t>(mode | state().extra_open_flags),
+  // Writes collect in the I/O unit's write buffer (a file opened for reading has none).
+  if (int16_t st = io::open(&number, name,
+                            static_cast<uint16_t>(mode | state().extra_open_flags | io::kWriteBuffer),
                             static_cast<uint16_t>(state().io_buffer_size));
       st != 0) {
     return st;
@@ -93,7 +75,7 @@ int16_t open_file(mdf_file** out, const char* name, uint16_t mode) {
 }
 
 int16_t close_file(mdf_file* file) {
-  if (g_close_groups != nullptr) g_close_groups(file);
+  if (CloseGroupsHook hook = state().kept.close_groups; hook != nullptr) hook(file);
   int16_t status = 0;
   if (sticky_error() == 0 && (file->mode == 1 || file->mode == 2)) {
     const uint16_t number = file->io_number;
@@ -105,6 +87,8 @@ int16_t close_file(mdf_file* file) {
       if (comment != nullptr) status = append_block(file, comment);
       if (status == 0) status = set_link_from_node(file, file->header, hd::kComment);
       if (status == 0) status = write_block_in_place(file, file->header);
+      // The close's result says whether everything written reached the file.
+      if (status == 0) status = io::commit(number);
     }
   }
   if (file->io_number != io::kNoFile) io::close(file->io_number);
@@ -119,14 +103,16 @@ int16_t get_info(mdf_file* file, const char** date, const char** time, const cha
                  const char** fields[4]) {
   const uint8_t* b = file->header->image;
   if (date != nullptr) {
-    std::memcpy(g_date, b + hd::kDate, 10);
-    g_date[10] = '\0';
-    *date = g_date;
+    char* shared = state().kept.file_date;
+    std::memcpy(shared, b + hd::kDate, 10);
+    shared[10] = '\0';
+    *date = shared;
   }
   if (time != nullptr) {
-    std::memcpy(g_time, b + hd::kTime, 8);
-    g_time[8] = '\0';
-    *time = g_time;
+    char* shared = state().kept.file_time;
+    std::memcpy(shared, b + hd::kTime, 8);
+    shared[8] = '\0';
+    *time = shared;
   }
   if (text != nullptr) *text = text_of(resolve_link(file->tree, file->header, hd::kComment));
   for (int i = 0; i < 4; ++i) {
@@ -167,7 +153,19 @@ int16_t set_info(mdf_file* file, const char* date, const char* time, const char*
 }  // namespace
 
 void set_close_groups_hook(CloseGroupsHook hook) {
-  g_close_groups = hook;
+  state().kept.close_groups = hook;
+}
+
+int16_t close_files_at_depth(uint16_t depth) {
+  int16_t status = 0;
+  mdf_file* file = state().open_files;
+  while (file != nullptr) {
+    if (file->tag != kFileTag) return internal_error("MDFINIT1", 29);
+    mdf_file* next = file->next;
+    if (file->context_depth >= depth) status = mdfFileClose(file);
+    file = next;
+  }
+  return status;
 }
 
 }  // namespace korvel

@@ -558,4 +558,61 @@ TEST_F(GroupApi, AGrownRecordReachesEveryHandleOnItsChannelGroup) {
   EXPECT_EQ(mdfGrpSeek(b, 0, MDF_SEEK_ABS), 0);
 }
 
+// Appended records collect in the file's write buffer (more of them here than it holds): a
+// record rewritten between appends lands in its place, and another group handle, the
+// reopened file and the bytes on disk all see the same records.
+TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
+  constexpr uint32_t kRecords = 240000;  // 5 bytes each with the identifier: 1.2 MB
+  struct Rewrite {
+    uint32_t after;   // records appended before it
+    uint32_t record;  // the record rewritten
+  };
+  const Rewrite rewrites[] = {{1, 0}, {100, 99}, {100, 3}, {230000, 10}, {230000, 229999}};
+  const auto p = (dir_ / "appended.mdf").string();
+  mdf_file* file = open(p, MDF_OPEN_CREATE);
+  mdf_group* g = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&g, file, 1, MDF_OPEN_CREATE), 0);
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfChnCreate(&ch, g, MDF_CHN_DATA, 32, MDF_DT_UINT, "n"), 0);
+  std::vector<uint32_t> expected;
+  for (uint32_t k = 0; k < kRecords; ++k) {
+    for (const auto& w : rewrites) {
+      if (w.after != k) continue;
+      ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(w.record), MDF_SEEK_ABS), 0);
+      ASSERT_EQ(mdfChnSetPhy(ch, 7000000.0 + w.record), 0);
+      ASSERT_EQ(mdfGrpWrite(g), 0);
+      expected[w.record] = 7000000 + w.record;
+    }
+    ASSERT_EQ(mdfChnSetPhy(ch, k), 0);
+    ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+    expected.push_back(k);
+  }
+  const auto value = [](const std::vector<uint8_t>& bytes) {
+    uint32_t v = 0;
+    std::memcpy(&v, bytes.data(), 4);  // little-endian, as the tests run
+    return v;
+  };
+  const auto read_all = [&](mdf_group* r, uint32_t count) {
+    for (uint32_t k = 0; k < count; ++k) {
+      ASSERT_EQ(mdfGrpSeek(r, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
+      ASSERT_EQ(value(current(r)), expected[k]) << k;
+    }
+  };
+  mdf_group* reader = nullptr;
+  ASSERT_EQ(mdfGrpOpen(&reader, file, 1, MDF_OPEN_READ), 0);
+  read_all(reader, kRecords);
+  ASSERT_EQ(mdfFileClose(file), 0);
+  // A closed created group declares one record less than it was given.
+  file = open(p);
+  ASSERT_EQ(mdfGrpOpen(&reader, file, 1, MDF_OPEN_READ), 0);
+  read_all(reader, kRecords - 1);
+  ASSERT_EQ(mdfFileClose(file), 0);
+  const auto r = mdftest::read_file(p);
+  ASSERT_TRUE(r.ok()) << r.error_text();
+  const auto& records = r.data_groups.at(0).channel_groups.at(0).records;
+  ASSERT_EQ(records.size(), kRecords - 1);
+  for (uint32_t k = 0; k < kRecords - 1; ++k) ASSERT_EQ(value(records[k]), expected[k]) << k;
+  EXPECT_EQ(r.bytes[r.data_groups[0].data_link + 5 * (kRecords - 1)], 1);  // the last id byte
+}
+
 }  // namespace

@@ -29,6 +29,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 constexpr uint16_t kDescriptor = 0;
 constexpr uint16_t kStream = io::kStreamStyle;
+constexpr uint16_t kBuffered = io::kWriteBuffer;
 
 Bytes pattern(std::size_t n, uint32_t seed) {
   Bytes v(n);
@@ -97,9 +98,11 @@ class IoBothStyles : public Io, public ::testing::WithParamInterface<uint16_t> {
   uint16_t flags(uint16_t mode) const { return static_cast<uint16_t>(GetParam() | mode); }
 };
 
-INSTANTIATE_TEST_SUITE_P(Styles, IoBothStyles, ::testing::Values(kDescriptor, kStream),
+INSTANTIATE_TEST_SUITE_P(Styles, IoBothStyles, ::testing::Values(kDescriptor, kStream, kBuffered),
                          [](const auto& p) {
-                           return p.param == kStream ? "Stream" : "Descriptor";
+                           return p.param == kStream     ? "Stream"
+                                  : p.param == kBuffered ? "BufferedDescriptor"
+                                                         : "Descriptor";
                          });
 
 TEST_P(IoBothStyles, OpenMissingAndCreate) {
@@ -296,7 +299,7 @@ TEST_P(IoBothStyles, ReadPastTheEndFailsRewindsAndSticks) {
 TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
   Bytes disk = pattern(150000, 27);
   const std::string name = put("f.bin", disk);
-  const uint32_t numbers = GetParam() == kDescriptor ? 2 : 1;
+  const uint32_t numbers = GetParam() != kStream ? 2 : 1;
   uint16_t n[2] = {};
   int64_t position[2] = {};
   int64_t known[2] = {};
@@ -420,6 +423,36 @@ TEST_F(Io, TheWindowSavesSystemCalls) {
   EXPECT_EQ(file_call_count(), calls);
   for (uint8_t i = 0; i < 52; ++i) EXPECT_EQ(buf[i], i < 4 ? 7 : i - 4) << int{i};
   EXPECT_EQ(io::read(buf, 3, w), MDF_ERR_READ);  // and nothing beyond
+}
+
+TEST_F(Io, TheWriteBufferSavesSystemCalls) {
+  const std::string name = path("b.bin");
+  const uint16_t n = open(name, kBuffered | io::kCreate);
+  const Bytes data = pattern(13 * 1000, 30);
+  const uint64_t calls = file_call_count();
+  for (std::size_t i = 0; i < 1000; ++i) ASSERT_EQ(io::write(data.data() + i * 13, 13, n), 0);
+  EXPECT_EQ(file_call_count(), calls);
+  EXPECT_EQ(fs::file_size(name), 0u);
+  EXPECT_EQ(io::known_size(n), 13000);
+  ASSERT_EQ(io::commit(n), 0);
+  EXPECT_EQ(file_call_count(), calls + 1);
+  EXPECT_EQ(get(name), data);
+}
+
+// Buffered bytes that the system refuses (a full disk) fail as an unbuffered write does.
+TEST_F(Io, BufferedBytesThatCannotBeWrittenFailAsAWrite) {
+  if (!fs::exists("/dev/full")) GTEST_SKIP() << "no device that is always full";
+  for (const bool by_commit : {true, false}) {
+    restart();
+    const uint16_t n = open("/dev/full", kBuffered | io::kModify);
+    ASSERT_EQ(io::write("abcd", 4, n), 0);
+    EXPECT_EQ(io::tell(n), 4);
+    uint8_t b = 0;
+    EXPECT_EQ(by_commit ? io::commit(n) : io::read(&b, 1, n), MDF_ERR_WRITE);
+    EXPECT_EQ(io::tell(n), 0);
+    EXPECT_EQ(std::string(mdfGetErrorText()), "could not write file \n");
+    close(n);
+  }
 }
 
 // A stream must not serve bytes it read ahead before its file was cut or grown.
