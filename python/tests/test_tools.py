@@ -66,3 +66,51 @@ def test_info_entry_point(sample):
     missing = subprocess.run([sys.executable, "-m", "korvel", "info", str(path) + "x"],
                              capture_output=True, text=True, cwd=Path(korvel.__file__).parents[1])
     assert missing.returncode == 1 and "could not open file" in missing.stderr
+
+
+def _unsorted_copies(sample_path: Path, target: Path, copies: int) -> None:
+    """The unsorted sample with its records repeated `copies` times (its records end the
+    file) and the cycle counts of its channel groups raised to match."""
+    import struct
+    data = bytearray(sample_path.read_bytes())
+    dg = struct.unpack_from("<I", data, 64 + 4)[0]
+    start = struct.unpack_from("<I", data, dg + 16)[0]
+    cg = struct.unpack_from("<I", data, dg + 8)[0]
+    while cg:
+        count = struct.unpack_from("<I", data, cg + 22)[0]
+        struct.pack_into("<I", data, cg + 22, count * copies)
+        cg = struct.unpack_from("<I", data, cg + 4)[0]
+    with open(target, "wb") as f:
+        f.write(data)
+        for _ in range(copies - 1):
+            f.write(data[start:])
+
+
+@needs_sort
+@pytest.mark.parametrize("stop", ["exception", "ctrl-c"])
+def test_stopping_a_sort_leaves_the_source(sample, tmp_path, stop):
+    import hashlib
+    import signal
+
+    class Stop(Exception):
+        pass
+
+    def first_report(_percent):
+        if stop == "ctrl-c":
+            signal.raise_signal(signal.SIGINT)
+        else:
+            raise Stop
+
+    src = tmp_path / "big.mdf"
+    expected = KeyboardInterrupt if stop == "ctrl-c" else Stop
+    # Reports come at most every 500 ms: a sort that ends sooner is tried on a larger file.
+    for copies in (1500, 4500, 13500):
+        _unsorted_copies(sample("mdflib_unsorted"), src, copies)
+        digest = hashlib.sha256(src.read_bytes()).digest()
+        try:
+            korvel.sort(src, progress=first_report)
+        except expected:
+            assert hashlib.sha256(src.read_bytes()).digest() == digest
+            assert not [p for p in tmp_path.iterdir() if p.name.startswith("KORVEL")]
+            return
+    pytest.fail("no sort lasted long enough to be stopped")
