@@ -158,7 +158,8 @@ int16_t decode_data(std::span<const uint8_t> record, const uint8_t* cn, uint8_t*
   return MDF_OK;
 }
 
-int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, uint8_t* cc, double* out) {
+int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, const uint8_t* cc,
+                   double* out) {
   *out = 0.0;
   if (cn == nullptr) return MDF_ERR_BAD_CHANNEL;
   uint16_t code = value_layout(cn).data_type;

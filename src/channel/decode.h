@@ -75,6 +75,7 @@ int16_t decode_data(std::span<const uint8_t> record, const uint8_t* cn, uint8_t*
 // Physical value: signed and unsigned integer codes through the integer decoder, all other
 // codes through the double decoder, then the conversion rule `cc` (null: none). A decoding
 // failure returns its status with the output 0; otherwise the conversion's status.
-int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, uint8_t* cc, double* out);
+int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, const uint8_t* cc,
+                   double* out);
 
 }  // namespace korvel

@@ -167,7 +167,8 @@ bool floats(const ArrayPlan& plan, const uint8_t* base, std::size_t stride, std:
 
 }  // namespace
 
-ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, uint8_t* cc, std::size_t record_size) {
+ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, const uint8_t* cc,
+                     std::size_t record_size) {
   ArrayPlan plan;
   plan.kind = kind;
   plan.cn = cn;
@@ -199,41 +200,6 @@ ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, uint8_t* cc, std::size_t
   if (kind == ValueKind::phy) plan.rule = prepare_rule(cc);
   plan.record_size = record_size;
   return plan;
-}
-
-const ArrayPlan& cached_plan(PlanCache& cache, ValueKind kind, const uint8_t* cn, uint8_t* cc,
-                             std::size_t record_size) {
-  // What a plan is made from: the kind, the record size, the images' addresses, the CN
-  // block's size and position fields and the CC block's common part, parameters and extra pair.
-  uint8_t key[PlanCache::kKeyBytes];
-  std::size_t n = 0;
-  auto put = [&](const void* p, std::size_t bytes) {
-    std::memcpy(key + n, p, bytes);
-    n += bytes;
-  };
-  const uint32_t size = static_cast<uint32_t>(record_size);
-  put(&kind, sizeof kind);
-  put(&size, sizeof size);
-  put(&cn, sizeof cn);
-  put(&cc, sizeof cc);
-  if (cn != nullptr) {
-    const uint32_t cn_size = load_le16(cn + 2);
-    put(cn + 2, 2);
-    if (cn_size >= 192) put(cn + 186, 6);
-    if (cn_size >= 228) put(cn + 226, 2);
-  }
-  if (cc != nullptr) {
-    const uint32_t cc_size = load_le16(cc + 2);
-    put(cc + 2, std::min<uint32_t>(cc_size, 94) - std::min<uint32_t>(cc_size, 2));
-    put(cc + cc_size, 16);  // the linear pair kept behind the image
-  }
-  if (!cache.valid || cache.key_length != n || std::memcmp(cache.key, key, n) != 0) {
-    cache.plan = plan_array(kind, cn, cc, record_size);
-    std::memcpy(cache.key, key, n);
-    cache.key_length = static_cast<uint16_t>(n);
-    cache.valid = true;
-  }
-  return cache.plan;
 }
 
 int16_t decode_array(const ArrayPlan& plan, const uint8_t* base, std::size_t stride,

@@ -137,8 +137,12 @@ int16_t read_record(mdf_group* g, bool scan_only) {
     Node* owner = g->cg;
     if (ids != 0) {
       uint8_t id = 0;
-      if (!fits(at, 1) || io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
-          io::read(&id, 1, number) != 0) {
+      if (!fits(at, 1)) return raise(MDF_ERR_FORMAT, "");
+      // Records kept for array reads hold the identifier without a read.
+      if (const uint8_t* kept = kept_file_bytes(g, at, 1); kept != nullptr) {
+        id = *kept;
+      } else if (io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
+                 io::read(&id, 1, number) != 0) {
         return raise(MDF_ERR_FORMAT, "");
       }
       owner = group_of_record_id(g, id);
@@ -253,7 +257,7 @@ int16_t write_record(mdf_group* g) {
 int16_t append_record(mdf_group* g) {
   if (g->mode != 2) return raise(MDF_ERR_OPEN_MODE, "");
   const uint16_t number = g->file->io_number;
-  if (io::seek(number, 0, io::kToEnd) != 0) return internal_error("MDFGRP1", 402);
+  if (io::seek(number, 0, io::kToEnd) != 0) return internal_error("MDFGRP1", __LINE__);
   const int64_t end = io::tell(number);
   if (end > 0xFFFFFFFFLL) return raise(MDF_ERR_FILE_TOO_LARGE, "");
   g->record_position = static_cast<uint64_t>(end);
@@ -567,7 +571,7 @@ KORVEL_API int16_t mdfGrpOpen(mdf_group** group, mdf_file* file, uint16_t number
     if (group != nullptr) *group = nullptr;
     if (!is_file(file)) return bad_file();
     if (mode > 2 || (mode != 0 && mode != file->mode)) return raise(MDF_ERR_OPEN_MODE, "");
-    if (group == nullptr) return internal_error("MDFGRP1", 120);
+    if (group == nullptr) return internal_error("MDFGRP1", __LINE__);
     return mode == 2 ? open_created(group, file, number) : open_existing(group, file, number, mode);
   });
 }

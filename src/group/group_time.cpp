@@ -22,7 +22,7 @@ constexpr uint16_t kChoiceBits = 7;  // the low bits of a time seek mode choose 
 // Records read by time searches since the process started; for measurements only.
 uint64_t g_probes = 0;
 
-uint8_t* time_rule(mdf_group* g) {
+const uint8_t* time_rule(mdf_group* g) {
   return g->time_conversion != nullptr ? g->time_conversion->image : nullptr;
 }
 
@@ -155,7 +155,7 @@ int16_t group_set_time(mdf_group* g, double time) {
 }
 
 int16_t group_seek_time(mdf_group* g, double time, uint16_t mode) {
-  if (g->time_channel == nullptr) return internal_error(kUnit, 120);
+  if (g->time_channel == nullptr) return internal_error(kUnit, __LINE__);
   // At record 0 the current time is taken as 0.0 without reading the record.
   double current = 0.0;
   if (g->record_index != 0) {

@@ -36,6 +36,9 @@ struct RecordCache {
   int64_t file_size = 0;
   std::array<IdEntry, 256> owners{};
   bool valid = false;
+  // Whether the bytes are the file's bytes as they stand (records read in one piece from
+  // the record of index `first` on), identifiers included.
+  bool mirror = false;
   // Records first .. first + count - 1, record r's data at bytes + lead + r * stride.
   std::unique_ptr<uint8_t[]> bytes;  // not zero-filled: every byte handed out was read
   std::size_t capacity = 0;
@@ -162,6 +165,7 @@ bool read_direct(RecordCache& c, uint16_t number, uint32_t first, uint32_t n, bo
   c.stride = c.file_stride;
   c.first = first;
   c.count = n;
+  c.mirror = true;
   return true;
 }
 
@@ -173,6 +177,7 @@ uint32_t read_packed(RecordCache& c, uint16_t number, uint32_t first, uint32_t n
   c.stride = c.size;
   c.first = first;
   c.count = 0;
+  c.mirror = false;
   if (!c.direct && (c.next_index > first || c.next_index == 0)) {
     c.next_index = 0;
     c.next_position = c.data;
@@ -253,15 +258,37 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
   return 0;
 }
 
+namespace {
+
+// Whether the records kept with a group handle of a file open for reading were read for the
+// group's layout as it is now. Such a file neither grows nor has its channel groups, record
+// sizes or identifiers changed, so the data position, record size, identifier count and
+// sortedness tell the layout apart without walking the data group's channel groups.
+bool kept_layout_current(const RecordCache* c, const mdf_group* g) {
+  if (c == nullptr || !c->valid) return false;
+  const uint16_t ids = record_ids(g);
+  return c->ids == ids && c->size == record_size(g) &&
+         c->data == load_le32(g->dg->image + dg::kData) &&
+         c->direct == (ids == 0 || load_le16(g->dg->image + dg::kCgCount) == 1);
+}
+
+}  // namespace
+
+const uint8_t* kept_file_bytes(const mdf_group* g, uint64_t at, uint32_t n) {
+  if (g->file->mode != 0) return nullptr;
+  const RecordCache* c = g->records;
+  if (c == nullptr || !c->mirror || !kept_layout_current(c, g)) return nullptr;
+  const uint64_t begin = c->data + uint64_t{c->first} * c->file_stride;
+  const uint64_t end = begin + uint64_t{c->count} * c->file_stride;
+  if (at < begin || at > end || end - at < n) return nullptr;
+  return c->bytes.get() + (at - begin);
+}
+
 const uint8_t* kept_record(mdf_group* g, uint32_t index) {
   if (g->file->mode != 0) return nullptr;
   const RecordCache* c = g->records;
-  if (c != nullptr && c->valid && c->ids == 0 && record_ids(g) == 0 && index >= c->first &&
-      index - c->first < c->count && c->size == record_size(g) &&
-      c->data == load_le32(g->dg->image + dg::kData) &&
-      c->file_size == io::known_size(g->file->io_number)) {
-    // Without identifiers the layout is the data position and the record size; groups with
-    // identifiers are checked in full by fetch_records.
+  if (c != nullptr && index >= c->first && index - c->first < c->count &&
+      kept_layout_current(c, g)) {
     return c->bytes.get() + c->lead + std::size_t{index - c->first} * c->stride;
   }
   if (!offers_record(g, index)) return nullptr;
