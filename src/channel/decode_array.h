@@ -26,6 +26,7 @@ enum class ValueKind : uint8_t { hex, hex_int, phy };
 struct ArrayPlan {
   enum class Load : uint8_t {
     u8, u16, u32, u64, i8, i16, i32, i64,  // byte-aligned Intel integers
+    u16_be, u32_be, u64_be, i16_be, i32_be, i64_be,  // byte-aligned Motorola integers
     f32, f64, f32_be, f64_be,              // IEEE floats
     field_unsigned, field_signed,          // bit fields and Motorola order, span <= 8
     single,                                // anything else: the single-value decoder per record
@@ -42,6 +43,10 @@ struct ArrayPlan {
   const uint8_t* cc = nullptr;
   std::size_t record_size = 0;  // record data bytes, for the single-value decoder
   PreparedRule rule;          // for physical values
+  // The physical value of one record from its field, the loader and the identity or linear
+  // rule compiled together; null for other layouts and rules (decode_field then takes the
+  // general way).
+  int16_t (*physical)(const ArrayPlan& plan, const uint8_t* field, double* out) = nullptr;
 };
 
 // Prepares the decoding of `kind` values of channel `cn` (CN image) with rule `cc` (null: none)
@@ -80,6 +85,18 @@ inline Out load_value(const ArrayPlan& plan, const uint8_t* field) {
       return from_signed(static_cast<int32_t>(load_le32(field)));
     case Load::i64:
       return from_signed(static_cast<int64_t>(load_le64(field)));
+    case Load::u16_be:
+      return from_unsigned(load_be16(field));
+    case Load::u32_be:
+      return from_unsigned(load_be32(field));
+    case Load::u64_be:
+      return from_unsigned(load_be64(field));
+    case Load::i16_be:
+      return from_signed(static_cast<int16_t>(load_be16(field)));
+    case Load::i32_be:
+      return from_signed(static_cast<int32_t>(load_be32(field)));
+    case Load::i64_be:
+      return from_signed(static_cast<int64_t>(load_be64(field)));
     case Load::f32:
       return static_cast<Out>(static_cast<double>(load_f32(field)));
     case Load::f64:
@@ -104,6 +121,7 @@ inline Out load_value(const ArrayPlan& plan, const uint8_t* field) {
 // One value of a record whose field starts at `field` (the plan's load is not `single`):
 // the value and status decode_array gives for that record.
 inline int16_t decode_field(const ArrayPlan& plan, const uint8_t* field, void* out) {
+  if (plan.physical != nullptr) return plan.physical(plan, field, static_cast<double*>(out));
   if (plan.status != 0) return plan.status;
   if (plan.kind == ValueKind::hex_int) {
     *static_cast<uint64_t*>(out) = load_value<uint64_t>(plan, field);

@@ -2,7 +2,10 @@
 #include "convert/conversion.h"
 
 #include <cmath>
+#include <cstring>
+#include <memory>
 #include <span>
+#include <string>
 
 #include "convert/formula.h"
 #include "frame/bytes.h"
@@ -121,6 +124,22 @@ std::span<const char> formula_text(const uint8_t* cc) {
           block_size(cc) - cc_layout::kParams};
 }
 
+// The program of a type-10 rule for a conversion without a prepared rule (the group's time,
+// sorting): the last text compiled here is kept, so converting value after value through the
+// same text compiles it once.
+const CompiledFormula& last_formula(const uint8_t* cc) {
+  static std::string text;
+  static std::shared_ptr<const CompiledFormula> compiled;
+  const std::span<const char> span = formula_text(cc);
+  std::size_t n = 0;
+  while (n < span.size() && span[n] != '\0') ++n;
+  if (compiled == nullptr || text.size() != n || std::memcmp(text.data(), span.data(), n) != 0) {
+    compiled = compile_formula(span);
+    text.assign(span.data(), n);
+  }
+  return *compiled;
+}
+
 double ln(double v) {
   return std::log(v);
 }
@@ -169,7 +188,7 @@ int16_t to_physical(const uint8_t* cc, double x, double* y) {
     }
     case MDF_CC_FRM_TXT: {
       // A faulty formula yields 0.0; the conversion itself still counts as done.
-      (void)compile_formula(formula_text(cc))->run(x, y);
+      (void)last_formula(cc).run(x, y);
       return MDF_OK;
     }
     case MDF_CC_FRM_VTAB:

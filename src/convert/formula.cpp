@@ -556,7 +556,9 @@ Entry mark_entry(Mark mark, Tok op, uint8_t weight) {
 
 // The operations of a compiled program; the registers are named in CompiledFormula::Op.
 enum Code : uint8_t {
-  kBinary,   // dst = a <op> b (a division by 0 fails)
+  // dst = a <op> b; the binary operators in the order of kBinaryTokens
+  kAdd, kSub, kMul, kDiv, kRem, kPower, kShiftLeft, kShiftRight, kBitOr, kBitAnd, kBitXor,
+  kLess, kLessEq, kGreater, kGreaterEq, kEqual, kNotEqual,
   kNegate,   // dst = -a
   kInvert,   // dst = ~a as a 32-bit integer
   kNot,      // dst = !a
@@ -566,6 +568,7 @@ enum Code : uint8_t {
   kCall,     // dst = fn(a) (LN and LOG of 0 fail)
   kBool,     // dst = a as a condition
   kPow,      // dst = a to the power b
+  // Operations from here on use or change the process-wide state, or X.
   kSetPair,  // the running MIN/MAX pair = (a, b)
   kWiden,    // the running pair takes in a
   kMin,      // dst = the running minimum
@@ -574,12 +577,119 @@ enum Code : uint8_t {
   kBit,      // dst = bit c of X as a 32-bit integer
 };
 
+constexpr Tok kBinaryTokens[] = {
+    Tok::Plus,       Tok::Minus,  Tok::Star,   Tok::Slash,     Tok::Percent, Tok::Caret,
+    Tok::ShiftLeft,  Tok::ShiftRight, Tok::BitOr, Tok::BitAnd, Tok::BitXor, Tok::Less,
+    Tok::LessEq,     Tok::Greater, Tok::GreaterEq, Tok::Equal,  Tok::NotEqual,
+};
+
+Code binary_code(Tok t) {
+  for (size_t i = 0; i < std::size(kBinaryTokens); ++i) {
+    if (kBinaryTokens[i] == t) return static_cast<Code>(i);
+  }
+  return kAdd;  // not reached: only binary operators and comparisons are pushed as such
+}
+
+// Registers an operation reads: a; a and b; a, b and c.
+int operand_count(uint8_t code) {
+  if (code <= kNotEqual || code == kAnd || code == kOr || code == kPow) return 2;
+  if (code == kSelect) return 3;
+  return 1;
+}
+
+// Carries out one operation; false for a failure (status 8).
+inline bool step(const CompiledFormula::Op& op, double* r, double x, FormulaState& st) {
+  const double a = r[op.a];
+  switch (op.code) {
+    case kAdd:
+      r[op.dst] = a + r[op.b];
+      return true;
+    case kSub:
+      r[op.dst] = a - r[op.b];
+      return true;
+    case kMul:
+      r[op.dst] = a * r[op.b];
+      return true;
+    case kDiv:
+      if (r[op.b] == 0.0) return false;
+      r[op.dst] = a / r[op.b];
+      return true;
+    case kRem:
+    case kPower:
+    case kShiftLeft:
+    case kShiftRight:
+    case kBitOr:
+    case kBitAnd:
+    case kBitXor:
+    case kLess:
+    case kLessEq:
+    case kGreater:
+    case kGreaterEq:
+    case kEqual:
+    case kNotEqual:
+      return apply_binary(kBinaryTokens[op.code], a, r[op.b], &r[op.dst]) == kOk;
+    case kNegate:
+      r[op.dst] = -a;
+      return true;
+    case kInvert:
+      r[op.dst] = ~to_int32(a);
+      return true;
+    case kNot:
+      r[op.dst] = truth(a) ? 0.0 : 1.0;
+      return true;
+    case kAnd:
+      r[op.dst] = (truth(a) && truth(r[op.b])) ? 1.0 : 0.0;
+      return true;
+    case kOr:
+      r[op.dst] = (truth(a) || truth(r[op.b])) ? 1.0 : 0.0;
+      return true;
+    case kSelect:
+      r[op.dst] = truth(a) ? r[op.b] : r[op.c];
+      return true;
+    case kCall:
+      // The logarithms of exactly 0 fail; other domain errors give NaN or infinity.
+      if ((op.fn == fn_ln || op.fn == fn_log) && a == 0.0) return false;
+      r[op.dst] = op.fn(a);
+      return true;
+    case kBool:
+      r[op.dst] = truth(a) ? 1.0 : 0.0;
+      return true;
+    case kPow:
+      r[op.dst] = std::pow(a, r[op.b]);
+      return true;
+    case kSetPair: {
+      const double b = r[op.b];
+      st.run_min = b < a ? b : a;
+      st.run_max = b < a ? a : b;
+      return true;
+    }
+    case kWiden:
+      if (a < st.run_min) st.run_min = a;
+      if (a > st.run_max) st.run_max = a;
+      return true;
+    case kMin:
+      r[op.dst] = st.run_min;
+      return true;
+    case kMax:
+      r[op.dst] = st.run_max;
+      return true;
+    case kRandom:
+      r[op.dst] = next_random(st);
+      return true;
+    case kBit:
+      r[op.dst] = static_cast<double>((static_cast<uint32_t>(to_int32(x)) >> op.c) & 1u);
+      return true;
+    default:
+      return true;
+  }
+}
+
 // Parses a text and records its computations. Every place that computes a value when the
 // text is evaluated emits one operation there, so the program keeps their order.
 class Compiler {
  public:
   Compiler(Source& src, std::vector<CompiledFormula::Op>& ops, std::vector<double>& registers)
-      : lexer_(src), ops_(ops), registers_(registers) {
+      : lexer_(src), ops_(ops), registers_(registers), constant_(registers.size(), false) {
     stack_.reserve(kStackInitial);
   }
 
@@ -664,13 +774,24 @@ class Compiler {
 
   uint32_t constant(double v) {
     registers_.push_back(v);
+    constant_.push_back(true);
     return static_cast<uint32_t>(registers_.size() - 1);
   }
-  // A new register computed by `code`.
-  uint32_t emit(Code code, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0, Tok op = Tok::End,
+  // A new register computed by `code`. An operation on constants alone that neither fails
+  // nor touches the process-wide state is carried out now: its register becomes a constant
+  // of the same value.
+  uint32_t emit(Code code, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0,
                 UnaryFn fn = nullptr) {
     const uint32_t dst = constant(0.0);
-    ops_.push_back({code, static_cast<uint8_t>(op), dst, a, b, c, fn});
+    const CompiledFormula::Op op{code, dst, a, b, c, fn};
+    if (code < kSetPair) {
+      const int n = operand_count(code);
+      const bool known = constant_[a] && (n < 2 || constant_[b]) && (n < 3 || constant_[c]);
+      FormulaState unused;
+      if (known && step(op, registers_.data(), 0.0, unused)) return dst;
+    }
+    constant_[dst] = false;
+    ops_.push_back(op);
     return dst;
   }
 
@@ -790,7 +911,7 @@ class Compiler {
         case Mark::Compare: {
           if (top.cond) return syntax();
           const uint32_t left = stack_[stack_.size() - 3].a;
-          replace(3, emit(kBinary, left, top.a, 0, m.op), m.mark == Mark::Compare);
+          replace(3, emit(binary_code(m.op), left, top.a), m.mark == Mark::Compare);
           break;
         }
         case Mark::Prefix: {
@@ -858,7 +979,7 @@ class Compiler {
     switch (call.op) {
       case Tok::Function:
         if (top.cond || call.args != 0 || call.fn == nullptr) return syntax();
-        v = emit(kCall, top.a, 0, 0, Tok::End, call.fn);
+        v = emit(kCall, top.a, 0, 0, call.fn);
         break;
       case Tok::Bool:
         if (!top.cond || call.args != 0) return syntax();
@@ -888,6 +1009,7 @@ class Compiler {
   Lexer lexer_;
   std::vector<CompiledFormula::Op>& ops_;
   std::vector<double>& registers_;
+  std::vector<bool> constant_;  // per register: holds a value known without X
   std::vector<Entry> stack_;
   const char** message_ = nullptr;
   size_t depth_ = 1;  // the start state
@@ -963,71 +1085,10 @@ int16_t CompiledFormula::run(double x, double* result) const {
   r[0] = x;
   int16_t status = kOk;
   for (const Op& op : ops_) {
-    const double a = r[op.a];
-    switch (op.code) {
-      case kBinary:
-        if (apply_binary(static_cast<Tok>(op.op), a, r[op.b], &r[op.dst]) != kOk) {
-          status = kMathFault;
-        }
-        break;
-      case kNegate:
-        r[op.dst] = -a;
-        break;
-      case kInvert:
-        r[op.dst] = ~to_int32(a);
-        break;
-      case kNot:
-        r[op.dst] = truth(a) ? 0.0 : 1.0;
-        break;
-      case kAnd:
-        r[op.dst] = (truth(a) && truth(r[op.b])) ? 1.0 : 0.0;
-        break;
-      case kOr:
-        r[op.dst] = (truth(a) || truth(r[op.b])) ? 1.0 : 0.0;
-        break;
-      case kSelect:
-        r[op.dst] = truth(a) ? r[op.b] : r[op.c];
-        break;
-      case kCall:
-        // The logarithms of exactly 0 fail; other domain errors give NaN or infinity.
-        if ((op.fn == fn_ln || op.fn == fn_log) && a == 0.0) {
-          status = kMathFault;
-        } else {
-          r[op.dst] = op.fn(a);
-        }
-        break;
-      case kBool:
-        r[op.dst] = truth(a) ? 1.0 : 0.0;
-        break;
-      case kPow:
-        r[op.dst] = std::pow(a, r[op.b]);
-        break;
-      case kSetPair: {
-        const double b = r[op.b];
-        st.run_min = b < a ? b : a;
-        st.run_max = b < a ? a : b;
-        break;
-      }
-      case kWiden:
-        if (a < st.run_min) st.run_min = a;
-        if (a > st.run_max) st.run_max = a;
-        break;
-      case kMin:
-        r[op.dst] = st.run_min;
-        break;
-      case kMax:
-        r[op.dst] = st.run_max;
-        break;
-      case kRandom:
-        r[op.dst] = next_random(st);
-        break;
-      case kBit:
-        r[op.dst] = static_cast<double>((static_cast<uint32_t>(to_int32(x)) >> op.c) & 1u);
-        break;
-      default:
-        break;
+    if (!step(op, r, x, st)) {
+      status = kMathFault;
+      break;
     }
-    if (status != kOk) break;
   }
   if (status == kOk && end_status_ != kOk) {
     status = end_status_;

@@ -26,7 +26,6 @@ class CompiledFormula {
 
   struct Op {
     uint8_t code = 0;
-    uint8_t op = 0;       // the operator of a binary operation
     uint32_t dst = 0;
     uint32_t a = 0;
     uint32_t b = 0;

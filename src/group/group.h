@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <span>
 
+#include "frame/bytes.h"
 #include "korvel.h"
+#include "storage/layout.h"
 #include "storage/node.h"
 
 namespace korvel {
@@ -53,9 +55,16 @@ inline bool is_group(const mdf_group* g) {
 inline uint8_t* record_data(mdf_group* g) {
   return g->buffer + kRecordDataOffset;
 }
-uint16_t record_size(const mdf_group* g);
-uint16_t record_ids(const mdf_group* g);
-uint32_t record_count(const mdf_group* g);  // as declared by the channel group
+inline uint16_t record_size(const mdf_group* g) {
+  return load_le16(g->cg->image + layout::cg::kRecordSize);
+}
+inline uint16_t record_ids(const mdf_group* g) {
+  return load_le16(g->dg->image + layout::dg::kRecordIds);
+}
+// As declared by the channel group.
+inline uint32_t record_count(const mdf_group* g) {
+  return load_le32(g->cg->image + layout::cg::kRecordCount);
+}
 // Whether the group offers record `index`: the group offers its declared count of records,
 // but no more than the bytes from the data position to the end of the file can hold at its
 // stride (record size plus identifiers); a record size of 0 offers none.

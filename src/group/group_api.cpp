@@ -108,6 +108,11 @@ void free_group(mdf_group* g) {
   mdfFree(g);
 }
 
+// The identifier byte of the group's own records.
+uint8_t own_record_id(const mdf_group* g) {
+  return static_cast<uint8_t>(load_le16(g->cg->image + cg::kRecordId) & 0xFF);
+}
+
 // Finds the channel group of a record identifier: the own one first, then the data
 // group's list in order.
 Node* group_of_record_id(mdf_group* g, uint8_t id) {
@@ -189,9 +194,24 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
   } else {
     return raise(MDF_ERR_SEEK_MODE, "");
   }
-  if (!offers_record(g, target)) return MDF_END_OF_GROUP;
   const uint64_t data = load_le32(g->dg->image + dg::kData);
-  const uint32_t stride = record_size(g) + record_ids(g);
+  const uint16_t ids = record_ids(g);
+  const uint32_t stride = record_size(g) + ids;
+  // A record of a sorted group kept in memory as it stands in the file is found as
+  // read_record finds it, without the file: its identifier is the group's own.
+  if (target != g->record_index || target == 0) {
+    if (const uint8_t* kept = kept_file_record(g, target);
+        kept != nullptr && (ids == 0 || kept[0] == own_record_id(g)) &&
+        record_size(g) + 1u + kBufferExtra + kRecordDataOffset <= g->buffer_capacity) {
+      g->record_index = target;
+      g->record_position = data + static_cast<uint64_t>(stride) * target;
+      g->record_pending = true;
+      g->pending_at = g->record_position + ids;
+      g->pending_length = record_size(g) + (ids == 2 ? 1u : 0u);
+      return g->buffer_shown ? load_record(g) : 0;
+    }
+  }
+  if (!offers_record(g, target)) return MDF_END_OF_GROUP;
   if (target == 0) {
     g->record_index = 0;
     g->record_position = data;
@@ -515,15 +535,6 @@ ChannelCache& channel_cache() {
   return g_channel_cache;
 }
 
-uint16_t record_size(const mdf_group* g) {
-  return load_le16(g->cg->image + cg::kRecordSize);
-}
-uint16_t record_ids(const mdf_group* g) {
-  return load_le16(g->dg->image + dg::kRecordIds);
-}
-uint32_t record_count(const mdf_group* g) {
-  return load_le32(g->cg->image + cg::kRecordCount);
-}
 bool offers_record(const mdf_group* g, uint32_t index) {
   const uint32_t size = record_size(g);
   if (size == 0 || index >= record_count(g)) return false;

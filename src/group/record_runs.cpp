@@ -274,6 +274,16 @@ bool kept_layout_current(const RecordCache* c, const mdf_group* g) {
 
 }  // namespace
 
+const uint8_t* kept_file_record(const mdf_group* g, uint32_t index) {
+  if (g->file->mode != 0) return nullptr;
+  const RecordCache* c = g->records;
+  if (c == nullptr || !c->mirror || index < c->first || index - c->first >= c->count ||
+      !kept_layout_current(c, g)) {
+    return nullptr;
+  }
+  return c->bytes.get() + std::size_t{index - c->first} * c->file_stride;
+}
+
 const uint8_t* kept_file_bytes(const mdf_group* g, uint64_t at, uint32_t n) {
   if (g->file->mode != 0) return nullptr;
   const RecordCache* c = g->records;
