@@ -92,7 +92,10 @@ bool decode_pending(channelnode* ch, ValueKind kind, void* out, int16_t* status)
   }
   if (plan.load == ArrayPlan::Load::single) return false;
   // In a file open for reading the record usually lies in the records kept for array reads.
-  if (const uint8_t* record = kept_record(g, g->record_index); record != nullptr) {
+  const uint8_t* record = g->pending_record != nullptr && g->pending_record_size == record_size(g)
+                              ? g->pending_record
+                              : kept_record(g, g->record_index);
+  if (record != nullptr) {
     *status = decode_field(plan, record + plan.byte_offset, out);
     return true;
   }

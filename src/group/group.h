@@ -41,6 +41,11 @@ struct mdf_group {
   bool buffer_shown = false;
   uint32_t pending_length = 0;
   uint64_t pending_at = 0;
+  // While a record is pending: its record data in the records kept for array reads, when the
+  // seek found it there (null otherwise), and the record size it was found with. Refilling
+  // or releasing the kept records clears it.
+  const uint8_t* pending_record = nullptr;
+  uint16_t pending_record_size = 0;
 };
 
 namespace korvel {

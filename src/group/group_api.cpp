@@ -162,6 +162,7 @@ int16_t read_record(mdf_group* g, bool scan_only) {
       g->record_pending = true;
       g->pending_at = at;
       g->pending_length = length;
+      g->pending_record = nullptr;
       return g->buffer_shown ? load_record(g) : 0;
     }
     g->record_position = at + length;
@@ -208,6 +209,8 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
       g->record_pending = true;
       g->pending_at = g->record_position + ids;
       g->pending_length = record_size(g) + (ids == 2 ? 1u : 0u);
+      g->pending_record = kept + ids;
+      g->pending_record_size = record_size(g);
       return g->buffer_shown ? load_record(g) : 0;
     }
   }

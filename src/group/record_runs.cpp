@@ -223,6 +223,7 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
   // Only a file open for reading keeps its records as they are between calls.
   const bool keep = g->file->mode == 0;
   if (!keep || !c.valid || !same_layout(c, now)) {
+    g->pending_record = nullptr;
     c.data = now.data;
     c.size = now.size;
     c.file_stride = now.file_stride;
@@ -236,6 +237,7 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
     c.valid = true;
   }
   if (index < c.first || index - c.first >= c.count) {
+    g->pending_record = nullptr;  // the kept bytes are about to change
     const uint32_t left = offered_records(g) - index;
     const uint32_t fit = static_cast<uint32_t>(std::max<std::size_t>(1, kRecordCacheBytes / c.file_stride));
     const uint32_t n = std::min(left, keep ? fit : std::min(fit, limit));
@@ -308,6 +310,7 @@ const uint8_t* kept_record(mdf_group* g, uint32_t index) {
 }
 
 void release_record_cache(mdf_group* g) {
+  g->pending_record = nullptr;
   delete g->records;
   g->records = nullptr;
 }
