@@ -158,6 +158,7 @@ int16_t set_info_ext(channelnode* ch, int16_t byte_offset, const char* long_name
   if (byte_offset != 0) {
     if (size < cn::kSize) return MDF_CN_TOO_SHORT;
     store_le16(ch->cn->image + cn::kByteOffset, static_cast<uint16_t>(byte_offset));
+    channel_images_changed();
   }
   if (long_name != nullptr) {
     if (size < cn::kSizeLongName) return MDF_CN_TOO_SHORT;

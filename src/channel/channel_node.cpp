@@ -20,6 +20,12 @@ int16_t new_channel_record(channelnode** out) {
   return 0;
 }
 
+void destroy_channel_record(channelnode* ch) {
+  // The prepared codec owns memory (a compiled formula); the tag stays, as mdfFree leaves it.
+  ch->~channelnode();
+  mdfFree(ch);
+}
+
 int16_t append_channel(channelnode* ch) {
   if (!is_channel(ch)) return internal_error("CNODE", 44);
   auto& s = state();
@@ -55,7 +61,7 @@ int16_t remove_channel(channelnode* ch) {
 int16_t free_channel(channelnode* ch) {
   if (!is_channel(ch)) return internal_error("CNODE", 76);
   if (in_list(ch)) return internal_error("CNODE", 78);
-  mdfFree(ch);
+  destroy_channel_record(ch);
   return 0;
 }
 
@@ -66,7 +72,7 @@ int16_t make_channel_record(channelnode** out, mdf_group* group, mdf_file* file,
   ch->cn = cn;
   ch->cc = resolve_link(file->tree, cn, cn::kConversion);
   if (sticky_error() != 0) {
-    mdfFree(ch);
+    destroy_channel_record(ch);
     return sticky_error();
   }
   append_channel(ch);

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "channel/decode_array.h"
+#include "channel/codec.h"
 #include "korvel.h"
 #include "storage/node.h"
 
@@ -16,7 +16,7 @@ struct channelnode {
   uint16_t write_steps = 0;     // write calls made; while 0 a write stays on the record
   channelnode* next = nullptr;  // next open channel, in order of opening
   channelnode* prev = nullptr;  // previous open channel (a channel leaves the list at once)
-  korvel::PlanCache plan;       // decoding prepared for the value reads
+  korvel::ChannelCodec codec;   // value coding prepared for the value functions
 };
 
 namespace korvel {
@@ -30,6 +30,8 @@ int16_t new_channel_record(channelnode** out);
 // A record for an existing CN block: conversion resolved from its CC link, step counters 0,
 // appended to the list. On failure nothing is left behind and *out stays unset.
 int16_t make_channel_record(channelnode** out, mdf_group* group, mdf_file* file, Node* cn);
+// Releases a record made by new_channel_record that is in no list.
+void destroy_channel_record(channelnode* ch);
 // Appends at the tail of the list of open channels.
 int16_t append_channel(channelnode* ch);
 // Takes the record out of the list; -2010 (returned) when it is not there.

@@ -294,7 +294,7 @@ KORVEL_API int16_t mdfChnOpen(channelnode** channel, mdf_group* group, uint16_t 
   return checked_call(kUnit, [&]() -> int16_t {
     if (channel != nullptr) *channel = nullptr;
     if (!is_group(group)) return bad_group();
-    if (channel == nullptr) return internal_error(kUnit, 230);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     return open_by_index(channel, group, index);
   });
 }
@@ -304,7 +304,7 @@ KORVEL_API int16_t mdfChnOpenName(channelnode** channel, mdf_group* group, const
     if (channel != nullptr) *channel = nullptr;
     if (!is_group(group)) return bad_group();
     if (name == nullptr || name[0] == '\0') return internal_error(kUnit, 280);
-    if (channel == nullptr) return internal_error(kUnit, 281);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     const ChannelMatch match = find_channel_by_name(group->file, group->cg, name);
     // Not finding a name is an ordinary answer: returned, not raised.
     if (match.cn == nullptr) return MDF_CHN_NAME_NOT_FOUND;
@@ -316,7 +316,7 @@ KORVEL_API int16_t mdfChnOpenType(channelnode** channel, mdf_group* group, uint1
   return checked_call(kUnit, [&]() -> int16_t {
     if (channel != nullptr) *channel = nullptr;
     if (!is_group(group)) return bad_group();
-    if (channel == nullptr) return internal_error(kUnit, 300);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     Node* cn = first_channel_of_type(group, type);
     if (cn == nullptr) return raise(MDF_CHANNEL_NOT_FOUND, "");
     return make_channel_record(channel, group, group->file, cn);
@@ -327,7 +327,7 @@ KORVEL_API int16_t mdfChnOpenTime(channelnode** channel, mdf_group* group) {
   return checked_call(kUnit, [&]() -> int16_t {
     if (channel != nullptr) *channel = nullptr;
     if (!is_group(group)) return bad_group();
-    if (channel == nullptr) return internal_error(kUnit, 315);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     Node* cn = first_channel_of_type(group, MDF_CHN_TIME);
     if (cn == nullptr) return raise(MDF_TIME_CHN_NOT_FOUND, "");
     return make_channel_record(channel, group, group->file, cn);
@@ -339,7 +339,7 @@ KORVEL_API int16_t mdfChnCreate(channelnode** channel, mdf_group* group, uint16_
   return checked_call(kUnit, [&]() -> int16_t {
     if (channel != nullptr) *channel = nullptr;
     if (!is_group(group)) return bad_group();
-    if (channel == nullptr) return internal_error(kUnit, 335);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     return create_channel(channel, group, type, bits, valueType, name);
   });
 }
@@ -349,7 +349,7 @@ KORVEL_API int16_t mdfChnDuplicate(channelnode** channel, mdf_group* target, cha
     if (channel != nullptr) *channel = nullptr;
     if (!is_channel(source)) return bad_channel();
     if (!is_group(target)) return bad_group();
-    if (channel == nullptr) return internal_error(kUnit, 420);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     return duplicate_channel(channel, target, source);
   });
 }
@@ -375,7 +375,7 @@ KORVEL_API int16_t mdfChnGetFirst(mdf_group* group, channelnode** channel) {
   return checked_call(kUnit, [&]() -> int16_t {
     if (channel != nullptr) *channel = nullptr;
     if (!is_group(group)) return bad_group();
-    if (channel == nullptr) return internal_error(kUnit, 480);
+    if (channel == nullptr) return internal_error(kUnit, __LINE__);
     for (channelnode* ch = state().open_channels; ch != nullptr; ch = ch->next) {
       if (ch->group == group) {
         *channel = ch;

@@ -30,7 +30,7 @@ std::span<const uint8_t> record_of(channelnode* ch) {
 std::span<uint8_t> writable_record_of(channelnode* ch) {
   return record_span(ch->group);
 }
-uint8_t* conversion_of(channelnode* ch) {
+const uint8_t* conversion_of(channelnode* ch) {
   return ch->cc != nullptr ? ch->cc->image : nullptr;
 }
 
@@ -74,22 +74,29 @@ int16_t get_data(channelnode* ch, uint8_t* data, uint32_t* length) {
   return st;
 }
 
+// The prepared plan for `kind` values from records of `record_bytes` bytes of record data.
+const ArrayPlan& plan_of(channelnode* ch, ValueKind kind, std::size_t record_bytes) {
+  return ch->codec.plan(kind, ch->cn, ch->cc, record_bytes);
+}
+
 // A value of a record that is not in the buffer yet, from the bytes of its field alone (read
 // through the file's read-ahead window): the value and status the decoder gives on the whole
 // record. False when the layout needs the whole record; the caller then loads it.
 bool decode_pending(channelnode* ch, ValueKind kind, void* out, int16_t* status) {
   mdf_group* g = ch->group;
   if (!g->record_pending) return false;
-  const ArrayPlan& plan = cached_plan(ch->plan, kind, ch->cn->image, conversion_of(ch),
-                                      record_size(g));
+  const ArrayPlan& plan = plan_of(ch, kind, record_size(g));
   if (plan.status != 0) {
     *status = plan.status;
     return true;
   }
   if (plan.load == ArrayPlan::Load::single) return false;
   // In a file open for reading the record usually lies in the records kept for array reads.
-  if (const uint8_t* record = kept_record(g, g->record_index); record != nullptr) {
-    *status = decode_array(plan, record, 0, 1, out);
+  const uint8_t* record = g->pending_record != nullptr && g->pending_record_size == record_size(g)
+                              ? g->pending_record
+                              : kept_record(g, g->record_index);
+  if (record != nullptr) {
+    *status = decode_field(plan, record + plan.byte_offset, out);
     return true;
   }
   uint8_t field[8];
@@ -99,42 +106,56 @@ bool decode_pending(channelnode* ch, ValueKind kind, void* out, int16_t* status)
     *status = raise(MDF_ERR_FORMAT, "");
     return true;
   }
-  ArrayPlan at_field = plan;
-  at_field.byte_offset = 0;
-  *status = decode_array(at_field, field, 0, 1, out);
+  *status = decode_field(plan, field, out);
   return true;
+}
+
+// A value of the record in the buffer. Layouts without a kernel of their own (VAX F) go
+// through the single-value decoder.
+int16_t decode_loaded(channelnode* ch, ValueKind kind, void* out) {
+  const std::span<const uint8_t> record = record_of(ch);
+  const ArrayPlan& plan = plan_of(ch, kind, record.size());
+  if (plan.status != 0) return plan.status;
+  if (plan.load != ArrayPlan::Load::single) {
+    return decode_field(plan, record.data() + plan.byte_offset, out);
+  }
+  if (kind == ValueKind::hex_int) return decode_hex_int(record, ch->cn->image, static_cast<uint64_t*>(out));
+  double raw = 0.0;
+  const int16_t st = decode_hex(record, ch->cn->image, &raw);
+  if (st != 0 || kind == ValueKind::hex) {
+    *static_cast<double*>(out) = raw;
+    return st;
+  }
+  return to_physical_prepared(plan.rule, raw, static_cast<double*>(out));
+}
+
+// A value of the current record: from the file while the record is pending, else from the
+// buffer.
+template <class Out>
+int16_t decode_current(channelnode* ch, ValueKind kind, Out* v) {
+  int16_t st = 0;
+  if (decode_pending(ch, kind, v, &st)) return st;
+  if (st = load_record(ch->group); st != 0) return st;
+  return decode_loaded(ch, kind, v);
 }
 
 int16_t get_hex(channelnode* ch, double* value) {
   double v = 0.0;
-  int16_t st = 0;
-  if (!decode_pending(ch, ValueKind::hex, &v, &st)) {
-    if (st = load_record(ch->group); st == 0) st = decode_hex(record_of(ch), ch->cn->image, &v);
-  }
+  const int16_t st = decode_current(ch, ValueKind::hex, &v);
   if (value != nullptr) *value = st == 0 ? v : 0.0;
   return st;
 }
 
 int16_t get_hex_int(channelnode* ch, uint64_t* value) {
   uint64_t v = 0;
-  int16_t st = 0;
-  if (!decode_pending(ch, ValueKind::hex_int, &v, &st)) {
-    if (st = load_record(ch->group); st == 0) {
-      st = decode_hex_int(record_of(ch), ch->cn->image, &v);
-    }
-  }
+  const int16_t st = decode_current(ch, ValueKind::hex_int, &v);
   if (value != nullptr) *value = st == 0 ? v : 0;
   return st;
 }
 
 int16_t get_phy(channelnode* ch, double* value) {
   double v = 0.0;
-  int16_t st = 0;
-  if (!decode_pending(ch, ValueKind::phy, &v, &st)) {
-    if (st = load_record(ch->group); st == 0) {
-      st = decode_phy(record_of(ch), ch->cn->image, conversion_of(ch), &v);
-    }
-  }
+  const int16_t st = decode_current(ch, ValueKind::phy, &v);
   if (value != nullptr) *value = v;
   return st;
 }

@@ -31,19 +31,6 @@ bool field_fits(const ValueLayout& layout, std::size_t record_size) {
   return static_cast<uint64_t>(layout.byte_offset) + layout.byte_span <= record_size;
 }
 
-uint64_t field_mask(unsigned bits) {
-  return bits >= 64 ? ~uint64_t{0} : (uint64_t{1} << bits) - 1;
-}
-
-uint64_t load_field_word(const uint8_t* p, uint32_t span, bool motorola) {
-  uint64_t word = 0;
-  for (uint32_t i = 0; i < span; ++i) {
-    uint32_t byte = motorola ? span - 1 - i : i;  // significance of p[i] in bytes
-    word |= static_cast<uint64_t>(p[i]) << (8 * byte);
-  }
-  return word;
-}
-
 void store_field_word(uint8_t* p, uint32_t span, bool motorola, uint64_t word) {
   for (uint32_t i = 0; i < span; ++i) {
     uint32_t byte = motorola ? span - 1 - i : i;
@@ -158,7 +145,8 @@ int16_t decode_data(std::span<const uint8_t> record, const uint8_t* cn, uint8_t*
   return MDF_OK;
 }
 
-int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, uint8_t* cc, double* out) {
+int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, const uint8_t* cc,
+                   double* out) {
   *out = 0.0;
   if (cn == nullptr) return MDF_ERR_BAD_CHANNEL;
   uint16_t code = value_layout(cn).data_type;

@@ -39,12 +39,21 @@ inline bool is_motorola_code(uint16_t code) {
 bool field_fits(const ValueLayout& layout, std::size_t record_size);
 
 // 2^bits - 1 for bits 0 to 64.
-uint64_t field_mask(unsigned bits);
+inline uint64_t field_mask(unsigned bits) {
+  return bits >= 64 ? ~uint64_t{0} : (uint64_t{1} << bits) - 1;
+}
 
 // The field's bytes as one word: Intel order takes the first byte as the least significant,
 // Motorola order the last byte of the span. Only the `span` bytes (at most 8) are read or
 // written; the rest of the word reads as zero.
-uint64_t load_field_word(const uint8_t* p, uint32_t span, bool motorola);
+inline uint64_t load_field_word(const uint8_t* p, uint32_t span, bool motorola) {
+  uint64_t word = 0;
+  for (uint32_t i = 0; i < span; ++i) {
+    const uint32_t byte = motorola ? span - 1 - i : i;  // significance of p[i] in bytes
+    word |= static_cast<uint64_t>(p[i]) << (8 * byte);
+  }
+  return word;
+}
 void store_field_word(uint8_t* p, uint32_t span, bool motorola, uint64_t word);
 
 // The unsigned field value: the word shifted right by the bit offset and cut to the bit
@@ -75,6 +84,7 @@ int16_t decode_data(std::span<const uint8_t> record, const uint8_t* cn, uint8_t*
 // Physical value: signed and unsigned integer codes through the integer decoder, all other
 // codes through the double decoder, then the conversion rule `cc` (null: none). A decoding
 // failure returns its status with the output 0; otherwise the conversion's status.
-int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, uint8_t* cc, double* out);
+int16_t decode_phy(std::span<const uint8_t> record, const uint8_t* cn, const uint8_t* cc,
+                   double* out);
 
 }  // namespace korvel

@@ -46,6 +46,19 @@ int16_t hex_int_status(const ValueLayout& l, std::size_t record_size) {
 
 Load integer_load(const ValueLayout& l) {
   const bool is_signed = is_signed_code(l.data_type);
+  // A Motorola field of whole bytes at bit offset 0 is a big-endian load of its span.
+  if (is_motorola_code(l.data_type) && l.bit_offset == 0) {
+    switch (l.bit_count) {
+      case 16:
+        return is_signed ? Load::i16_be : Load::u16_be;
+      case 32:
+        return is_signed ? Load::i32_be : Load::u32_be;
+      case 64:
+        return is_signed ? Load::i64_be : Load::u64_be;
+      default:
+        break;
+    }
+  }
   if (!is_motorola_code(l.data_type) && l.bit_offset == 0) {
     switch (l.bit_count) {
       case 8:
@@ -115,6 +128,24 @@ bool integers(const ArrayPlan& plan, const uint8_t* base, std::size_t stride, st
     case Load::i64:
       each(b, stride, n, out, [&](const uint8_t* p) { return from_signed(static_cast<int64_t>(load_le64(p))); });
       return true;
+    case Load::u16_be:
+      each(b, stride, n, out, [&](const uint8_t* p) { return from_unsigned(load_be16(p)); });
+      return true;
+    case Load::u32_be:
+      each(b, stride, n, out, [&](const uint8_t* p) { return from_unsigned(load_be32(p)); });
+      return true;
+    case Load::u64_be:
+      each(b, stride, n, out, [&](const uint8_t* p) { return from_unsigned(load_be64(p)); });
+      return true;
+    case Load::i16_be:
+      each(b, stride, n, out, [&](const uint8_t* p) { return from_signed(static_cast<int16_t>(load_be16(p))); });
+      return true;
+    case Load::i32_be:
+      each(b, stride, n, out, [&](const uint8_t* p) { return from_signed(static_cast<int32_t>(load_be32(p))); });
+      return true;
+    case Load::i64_be:
+      each(b, stride, n, out, [&](const uint8_t* p) { return from_signed(static_cast<int64_t>(load_be64(p))); });
+      return true;
     case Load::field_unsigned:
     case Load::field_signed: {
       ValueLayout l;
@@ -165,9 +196,123 @@ bool floats(const ArrayPlan& plan, const uint8_t* base, std::size_t stride, std:
   }
 }
 
+// One physical value with the loader and rule fixed at compile time.
+template <Load L, PreparedRule::Kind R>
+int16_t physical_value(const ArrayPlan& plan, const uint8_t* field, double* out) {
+  double raw;
+  switch (L) {
+    case Load::u8:
+      raw = static_cast<double>(*field);
+      break;
+    case Load::u16:
+      raw = static_cast<double>(load_le16(field));
+      break;
+    case Load::u32:
+      raw = static_cast<double>(load_le32(field));
+      break;
+    case Load::u64:
+      raw = static_cast<double>(load_le64(field));
+      break;
+    case Load::i8:
+      raw = static_cast<double>(static_cast<int64_t>(static_cast<int8_t>(*field)));
+      break;
+    case Load::i16:
+      raw = static_cast<double>(static_cast<int64_t>(static_cast<int16_t>(load_le16(field))));
+      break;
+    case Load::i32:
+      raw = static_cast<double>(static_cast<int64_t>(static_cast<int32_t>(load_le32(field))));
+      break;
+    case Load::i64:
+      raw = static_cast<double>(static_cast<int64_t>(load_le64(field)));
+      break;
+    case Load::u16_be:
+      raw = static_cast<double>(load_be16(field));
+      break;
+    case Load::i16_be:
+      raw = static_cast<double>(static_cast<int64_t>(static_cast<int16_t>(load_be16(field))));
+      break;
+    case Load::u32_be:
+      raw = static_cast<double>(load_be32(field));
+      break;
+    case Load::i32_be:
+      raw = static_cast<double>(static_cast<int64_t>(static_cast<int32_t>(load_be32(field))));
+      break;
+    case Load::f32:
+      raw = static_cast<double>(load_f32(field));
+      break;
+    case Load::f64:
+      raw = load_f64(field);
+      break;
+    default:
+      raw = load_value<double>(plan, field);
+      break;
+  }
+  if constexpr (R == PreparedRule::Kind::linear) {
+    *out = raw * plan.rule.p[0] + plan.rule.p[1];
+  } else {
+    *out = raw;
+  }
+  return 0;
+}
+
+template <Load L>
+auto physical_kernel_for(PreparedRule::Kind rule) -> int16_t (*)(const ArrayPlan&, const uint8_t*,
+                                                                  double*) {
+  switch (rule) {
+    case PreparedRule::Kind::identity:
+      return physical_value<L, PreparedRule::Kind::identity>;
+    case PreparedRule::Kind::linear:
+      return physical_value<L, PreparedRule::Kind::linear>;
+    default:
+      return nullptr;
+  }
+}
+
+// The kernel of the common layouts with the identity or a linear rule; null otherwise.
+auto physical_kernel(Load load, PreparedRule::Kind rule) -> int16_t (*)(const ArrayPlan&,
+                                                                       const uint8_t*, double*) {
+  switch (load) {
+    case Load::u8:
+      return physical_kernel_for<Load::u8>(rule);
+    case Load::u16:
+      return physical_kernel_for<Load::u16>(rule);
+    case Load::u32:
+      return physical_kernel_for<Load::u32>(rule);
+    case Load::u64:
+      return physical_kernel_for<Load::u64>(rule);
+    case Load::i8:
+      return physical_kernel_for<Load::i8>(rule);
+    case Load::i16:
+      return physical_kernel_for<Load::i16>(rule);
+    case Load::i32:
+      return physical_kernel_for<Load::i32>(rule);
+    case Load::i64:
+      return physical_kernel_for<Load::i64>(rule);
+    case Load::u16_be:
+      return physical_kernel_for<Load::u16_be>(rule);
+    case Load::i16_be:
+      return physical_kernel_for<Load::i16_be>(rule);
+    case Load::u32_be:
+      return physical_kernel_for<Load::u32_be>(rule);
+    case Load::i32_be:
+      return physical_kernel_for<Load::i32_be>(rule);
+    case Load::f32:
+      return physical_kernel_for<Load::f32>(rule);
+    case Load::f64:
+      return physical_kernel_for<Load::f64>(rule);
+    case Load::field_unsigned:
+      return physical_kernel_for<Load::field_unsigned>(rule);
+    case Load::field_signed:
+      return physical_kernel_for<Load::field_signed>(rule);
+    default:
+      return nullptr;
+  }
+}
+
 }  // namespace
 
-ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, uint8_t* cc, std::size_t record_size) {
+ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, const uint8_t* cc,
+                     std::size_t record_size) {
   ArrayPlan plan;
   plan.kind = kind;
   plan.cn = cn;
@@ -196,44 +341,12 @@ ArrayPlan plan_array(ValueKind kind, const uint8_t* cn, uint8_t* cc, std::size_t
   } else {
     plan.load = Load::single;  // VAX F
   }
-  if (kind == ValueKind::phy) plan.rule = prepare_rule(cc);
+  if (kind == ValueKind::phy) {
+    plan.rule = prepare_rule(cc);
+    plan.physical = physical_kernel(plan.load, plan.rule.kind);
+  }
   plan.record_size = record_size;
   return plan;
-}
-
-const ArrayPlan& cached_plan(PlanCache& cache, ValueKind kind, const uint8_t* cn, uint8_t* cc,
-                             std::size_t record_size) {
-  // What a plan is made from: the kind, the record size, the images' addresses, the CN
-  // block's size and position fields and the CC block's common part, parameters and extra pair.
-  uint8_t key[PlanCache::kKeyBytes];
-  std::size_t n = 0;
-  auto put = [&](const void* p, std::size_t bytes) {
-    std::memcpy(key + n, p, bytes);
-    n += bytes;
-  };
-  const uint32_t size = static_cast<uint32_t>(record_size);
-  put(&kind, sizeof kind);
-  put(&size, sizeof size);
-  put(&cn, sizeof cn);
-  put(&cc, sizeof cc);
-  if (cn != nullptr) {
-    const uint32_t cn_size = load_le16(cn + 2);
-    put(cn + 2, 2);
-    if (cn_size >= 192) put(cn + 186, 6);
-    if (cn_size >= 228) put(cn + 226, 2);
-  }
-  if (cc != nullptr) {
-    const uint32_t cc_size = load_le16(cc + 2);
-    put(cc + 2, std::min<uint32_t>(cc_size, 94) - std::min<uint32_t>(cc_size, 2));
-    put(cc + cc_size, 16);  // the linear pair kept behind the image
-  }
-  if (!cache.valid || cache.key_length != n || std::memcmp(cache.key, key, n) != 0) {
-    cache.plan = plan_array(kind, cn, cc, record_size);
-    std::memcpy(cache.key, key, n);
-    cache.key_length = static_cast<uint16_t>(n);
-    cache.valid = true;
-  }
-  return cache.plan;
 }
 
 int16_t decode_array(const ArrayPlan& plan, const uint8_t* base, std::size_t stride,

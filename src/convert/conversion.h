@@ -7,34 +7,40 @@
 // uses only the entries that lie wholly inside the block. A block shorter than the 46-byte
 // common part has no readable type and counts as an unsupported rule.
 //
-// A null CC image is the identity.
+// A null CC image is the identity. The image is never changed here.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+
+#include "convert/formula.h"
+#include "storage/cc_extra.h"
 
 namespace korvel {
 
 // Forward conversion of a raw value x into the physical value *y. Returns 0, or 1021
-// (unsupported rule type) with *y = x. The image is not const: a text formula (type 10) is
-// upper-cased in place by its evaluator.
-int16_t to_physical(uint8_t* cc, double x, double* y);
+// (unsupported rule type) with *y = x. A text formula (type 10) is compiled for this one
+// value; converting many values goes through a PreparedRule, which compiles it once.
+int16_t to_physical(const uint8_t* cc, double x, double* y);
 // The same for raw values decoded as signed or unsigned 64-bit integers; both are first
 // turned into a double (unsigned values of 2^63 and above stay positive).
-int16_t to_physical_signed(uint8_t* cc, int64_t x, double* y);
-int16_t to_physical_unsigned(uint8_t* cc, uint64_t x, double* y);
+int16_t to_physical_signed(const uint8_t* cc, int64_t x, double* y);
+int16_t to_physical_unsigned(const uint8_t* cc, uint64_t x, double* y);
 
 // A conversion rule taken apart once, for converting many values: the arithmetic rules
-// (identity, linear, verbal range table scaling, polynomial, rational) keep their parameters;
-// every other rule is applied through to_physical. Each value converted through a prepared rule
-// is bit for bit the one to_physical gives for the same image.
+// (identity, linear, verbal range table scaling, polynomial, rational) keep their parameters,
+// a text formula its compiled program; every other rule is applied through to_physical. Each
+// value converted through a prepared rule is bit for bit the one to_physical gives for the
+// same image. The image must stay unchanged while the rule is used.
 struct PreparedRule {
-  enum class Kind : uint8_t { identity, linear, polynomial, rational, general };
+  enum class Kind : uint8_t { identity, linear, polynomial, rational, formula, general };
   Kind kind = Kind::identity;
-  double p[6] = {};       // linear: factor, offset; polynomial: P1..P5; rational: P1..P6
-  uint8_t* cc = nullptr;  // the image, for the general kind
+  double p[6] = {};             // linear: factor, offset; polynomial: P1..P5; rational: P1..P6
+  const uint8_t* cc = nullptr;  // the image, for the general kind
+  std::shared_ptr<const CompiledFormula> formula;  // for the formula kind
 };
-PreparedRule prepare_rule(uint8_t* cc);
+PreparedRule prepare_rule(const uint8_t* cc);
 // Converts values[0..n) in place; returns the status to_physical gives for every value of
 // this rule (0 or 1021; with 1021 the values stay raw).
 int16_t to_physical_array(const PreparedRule& rule, double* values, std::size_t n);
@@ -47,6 +53,10 @@ inline int16_t to_physical_prepared(const PreparedRule& rule, double x, double* 
     case PreparedRule::Kind::linear:
       *y = x * rule.p[0] + rule.p[1];
       return 0;
+    case PreparedRule::Kind::formula:
+      // A faulty formula yields 0.0; the conversion itself still counts as done.
+      (void)rule.formula->run(x, y);
+      return 0;
     default:
       return to_physical_array(rule, &(*y = x), 1);
   }
@@ -55,20 +65,5 @@ inline int16_t to_physical_prepared(const PreparedRule& rule, double x, double* 
 // Inverse conversion of a physical value y into the raw value *x. Returns 0, or 1021 for a
 // text formula or an unsupported rule type; the caller then stores nothing (*x is set to y).
 int16_t to_raw(const uint8_t* cc, double y, double* x);
-
-// The linear pair kept behind a CC image (physical = raw * factor + offset for type 12).
-double cc_extra_offset(const uint8_t* cc);
-double cc_extra_factor(const uint8_t* cc);
-void set_cc_extra(uint8_t* cc, double offset, double factor);
-
-// The TX link of entry `entry` of a verbal range table (type 12), or 0 when the block does
-// not hold that entry.
-uint32_t vtabr_text_link(const uint8_t* cc, uint32_t entry);
-
-// Fills the linear pair behind a CC image. Defaults are offset 0.0 and factor 1.0; for a
-// verbal range table (type 12) with at least one entry and a non-zero text link in entry 0,
-// `entry0_text` (the zero-terminated text of that TX block, null when there is none) is
-// matched against the known scaling annotations and the first full match sets the pair.
-void derive_vtabr_extra(uint8_t* cc, const char* entry0_text);
 
 }  // namespace korvel

@@ -1,8 +1,9 @@
-// Formula language of text conversion rules: lexer, shift-reduce parser and evaluator.
+// Formula language of text conversion rules: lexer, shift-reduce parser and the compiled
+// program that evaluates a text.
 //
 // The parser is an operator-precedence shift-reduce machine over an explicit stack, so a
-// deeply nested text never costs native stack. Values are computed when a construct is
-// reduced; no tree is built, so both branches of a conditional and both sides of && and ||
+// deeply nested text never costs native stack. Each construct emits its computation when it
+// is reduced; no tree is built, so both branches of a conditional and both sides of && and ||
 // are always evaluated (a division by zero in the branch not taken still fails). The
 // stack is measured in the grammar symbols its entries stand for (an open parenthesis is
 // one, "( cond ) ? e :" is six) and may hold at most 10000 of them, start state included;
@@ -183,6 +184,8 @@ constexpr PairToken kPairTokens[] = {
 enum class Mark : uint8_t { Value, Open, Call, Query, Colon, Prefix, Binary, Compare, Not, And, Or };
 // clang-format on
 
+// Operands are registers of the compiled program (formula.h): the parser decides the
+// structure of the text once, and the program computes the values for each X.
 struct Entry {
   Mark mark = Mark::Value;
   Tok op = Tok::End;     // operator of Prefix/Binary/Compare; function token of Call
@@ -190,22 +193,25 @@ struct Entry {
   bool cond = false;     // Value: a condition rather than an arithmetic expression
   uint8_t weight = 1;    // grammar symbols this entry stands for
   uint32_t args = 0;     // Call: arguments completed before the current one
-  double a = 0.0;        // Value; condition of Query/Colon; first argument of Call
-  double b = 0.0;        // Colon: the value of the then-branch
+  uint32_t a = 0;        // Value; condition of Query/Colon; first argument of Call
+  uint32_t b = 0;        // Colon: the value of the then-branch
 };
 
 // Process-wide evaluator state; callers make one call at a time.
 struct FormulaState {
-  const char* text = nullptr;  // the text being evaluated and its length up to the zero byte
-  size_t length = 0;
-  size_t pos = 0;  // read position of the lexer
   double x = 0.0;
   double result = 0.0;
   double run_min = 0.0;  // running pair shared by every MIN and MAX of an evaluation
   double run_max = 0.0;
   uint32_t random_seed = 1;
   const char* message = nullptr;  // why the last evaluation ended with status 7, or null
-  std::vector<Entry> stack;
+};
+
+// The text a lexer reads: upper-cased, up to its first zero byte.
+struct Source {
+  const char* text = nullptr;
+  size_t length = 0;
+  size_t pos = 0;  // read position of the lexer
 };
 
 FormulaState& formula_state() {
@@ -305,7 +311,7 @@ double next_random(FormulaState& st) {
 
 class Lexer {
  public:
-  explicit Lexer(FormulaState& st) : st_(st) {}
+  explicit Lexer(Source& st) : st_(st) {}
 
   Token next() {
     size_t& p = st_.pos;
@@ -396,7 +402,7 @@ class Lexer {
     return t;
   }
 
-  FormulaState& st_;
+  Source& st_;
 };
 
 // ---------------------------------------------------------------------------------------
@@ -533,9 +539,9 @@ bool truth(double v) {
   return v != 0.0;
 }  // NaN counts as true
 
-Entry value_entry(double v, bool cond) {
+Entry value_entry(uint32_t reg, bool cond) {
   Entry e;
-  e.a = v;
+  e.a = reg;
   e.cond = cond;
   return e;
 }
@@ -548,14 +554,148 @@ Entry mark_entry(Mark mark, Tok op, uint8_t weight) {
   return e;
 }
 
-class Parser {
+// The operations of a compiled program; the registers are named in CompiledFormula::Op.
+enum Code : uint8_t {
+  // dst = a <op> b; the binary operators in the order of kBinaryTokens
+  kAdd, kSub, kMul, kDiv, kRem, kPower, kShiftLeft, kShiftRight, kBitOr, kBitAnd, kBitXor,
+  kLess, kLessEq, kGreater, kGreaterEq, kEqual, kNotEqual,
+  kNegate,   // dst = -a
+  kInvert,   // dst = ~a as a 32-bit integer
+  kNot,      // dst = !a
+  kAnd,      // dst = a && b
+  kOr,       // dst = a || b
+  kSelect,   // dst = a ? b : c
+  kCall,     // dst = fn(a) (LN and LOG of 0 fail)
+  kBool,     // dst = a as a condition
+  kPow,      // dst = a to the power b
+  // Operations from here on use or change the process-wide state, or X.
+  kSetPair,  // the running MIN/MAX pair = (a, b)
+  kWiden,    // the running pair takes in a
+  kMin,      // dst = the running minimum
+  kMax,      // dst = the running maximum
+  kRandom,   // dst = the next random number
+  kBit,      // dst = bit c of X as a 32-bit integer
+};
+
+constexpr Tok kBinaryTokens[] = {
+    Tok::Plus,       Tok::Minus,  Tok::Star,   Tok::Slash,     Tok::Percent, Tok::Caret,
+    Tok::ShiftLeft,  Tok::ShiftRight, Tok::BitOr, Tok::BitAnd, Tok::BitXor, Tok::Less,
+    Tok::LessEq,     Tok::Greater, Tok::GreaterEq, Tok::Equal,  Tok::NotEqual,
+};
+
+Code binary_code(Tok t) {
+  for (size_t i = 0; i < std::size(kBinaryTokens); ++i) {
+    if (kBinaryTokens[i] == t) return static_cast<Code>(i);
+  }
+  return kAdd;  // not reached: only binary operators and comparisons are pushed as such
+}
+
+// Registers an operation reads: a; a and b; a, b and c.
+int operand_count(uint8_t code) {
+  if (code <= kNotEqual || code == kAnd || code == kOr || code == kPow) return 2;
+  if (code == kSelect) return 3;
+  return 1;
+}
+
+// Carries out one operation; false for a failure (status 8).
+inline bool step(const CompiledFormula::Op& op, double* r, double x, FormulaState& st) {
+  const double a = r[op.a];
+  switch (op.code) {
+    case kAdd:
+      r[op.dst] = a + r[op.b];
+      return true;
+    case kSub:
+      r[op.dst] = a - r[op.b];
+      return true;
+    case kMul:
+      r[op.dst] = a * r[op.b];
+      return true;
+    case kDiv:
+      if (r[op.b] == 0.0) return false;
+      r[op.dst] = a / r[op.b];
+      return true;
+    case kRem:
+    case kPower:
+    case kShiftLeft:
+    case kShiftRight:
+    case kBitOr:
+    case kBitAnd:
+    case kBitXor:
+    case kLess:
+    case kLessEq:
+    case kGreater:
+    case kGreaterEq:
+    case kEqual:
+    case kNotEqual:
+      return apply_binary(kBinaryTokens[op.code], a, r[op.b], &r[op.dst]) == kOk;
+    case kNegate:
+      r[op.dst] = -a;
+      return true;
+    case kInvert:
+      r[op.dst] = ~to_int32(a);
+      return true;
+    case kNot:
+      r[op.dst] = truth(a) ? 0.0 : 1.0;
+      return true;
+    case kAnd:
+      r[op.dst] = (truth(a) && truth(r[op.b])) ? 1.0 : 0.0;
+      return true;
+    case kOr:
+      r[op.dst] = (truth(a) || truth(r[op.b])) ? 1.0 : 0.0;
+      return true;
+    case kSelect:
+      r[op.dst] = truth(a) ? r[op.b] : r[op.c];
+      return true;
+    case kCall:
+      // The logarithms of exactly 0 fail; other domain errors give NaN or infinity.
+      if ((op.fn == fn_ln || op.fn == fn_log) && a == 0.0) return false;
+      r[op.dst] = op.fn(a);
+      return true;
+    case kBool:
+      r[op.dst] = truth(a) ? 1.0 : 0.0;
+      return true;
+    case kPow:
+      r[op.dst] = std::pow(a, r[op.b]);
+      return true;
+    case kSetPair: {
+      const double b = r[op.b];
+      st.run_min = b < a ? b : a;
+      st.run_max = b < a ? a : b;
+      return true;
+    }
+    case kWiden:
+      if (a < st.run_min) st.run_min = a;
+      if (a > st.run_max) st.run_max = a;
+      return true;
+    case kMin:
+      r[op.dst] = st.run_min;
+      return true;
+    case kMax:
+      r[op.dst] = st.run_max;
+      return true;
+    case kRandom:
+      r[op.dst] = next_random(st);
+      return true;
+    case kBit:
+      r[op.dst] = static_cast<double>((static_cast<uint32_t>(to_int32(x)) >> op.c) & 1u);
+      return true;
+    default:
+      return true;
+  }
+}
+
+// Parses a text and records its computations. Every place that computes a value when the
+// text is evaluated emits one operation there, so the program keeps their order.
+class Compiler {
  public:
-  explicit Parser(FormulaState& st) : st_(st), lexer_(st), stack_(st.stack) {
-    stack_.clear();
-    if (stack_.capacity() < kStackInitial) stack_.reserve(kStackInitial);
+  Compiler(Source& src, std::vector<CompiledFormula::Op>& ops, std::vector<double>& registers)
+      : lexer_(src), ops_(ops), registers_(registers), constant_(registers.size(), false) {
+    stack_.reserve(kStackInitial);
   }
 
-  int16_t run(double* value) {
+  // Returns 0 with the register of the formula's value, or 7 with *message set.
+  int16_t run(uint32_t* value, const char** message) {
+    message_ = message;
     bool want_operand = true;
     bool paren_cond = false;  // the top operand is a "( condition )" just closed
     for (;;) {
@@ -624,12 +764,35 @@ class Parser {
 
  private:
   int16_t syntax() {
-    st_.message = kMsgSyntax;
+    *message_ = kMsgSyntax;
     return kSyntax;
   }
   int16_t overflow() {
-    st_.message = kMsgOverflow;
+    *message_ = kMsgOverflow;
     return kSyntax;
+  }
+
+  uint32_t constant(double v) {
+    registers_.push_back(v);
+    constant_.push_back(true);
+    return static_cast<uint32_t>(registers_.size() - 1);
+  }
+  // A new register computed by `code`. An operation on constants alone that neither fails
+  // nor touches the process-wide state is carried out now: its register becomes a constant
+  // of the same value.
+  uint32_t emit(Code code, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0,
+                UnaryFn fn = nullptr) {
+    const uint32_t dst = constant(0.0);
+    const CompiledFormula::Op op{code, dst, a, b, c, fn};
+    if (code < kSetPair) {
+      const int n = operand_count(code);
+      const bool known = constant_[a] && (n < 2 || constant_[b]) && (n < 3 || constant_[c]);
+      FormulaState unused;
+      if (known && step(op, registers_.data(), 0.0, unused)) return dst;
+    }
+    constant_[dst] = false;
+    ops_.push_back(op);
+    return dst;
   }
 
   bool push(const Entry& e) {
@@ -643,9 +806,9 @@ class Parser {
     stack_.pop_back();
   }
   // Replaces the top `count` entries by one finished operand.
-  void replace(size_t count, double v, bool cond) {
+  void replace(size_t count, uint32_t reg, bool cond) {
     for (size_t i = 0; i < count; ++i) pop();
-    push(value_entry(v, cond));  // cannot overflow: at least as much was just removed
+    push(value_entry(reg, cond));  // cannot overflow: at least as much was just removed
   }
 
   // True when an operand that ends up a condition may stand at stack index `at`, that is
@@ -659,29 +822,29 @@ class Parser {
   }
 
   // Takes a token where an operand must begin.
-  int16_t operand(const Token& t, double* value, bool* want_operand) {
-    double v = 0.0;
+  int16_t operand(const Token& t, uint32_t* value, bool* want_operand) {
+    uint32_t v = 0;
     bool cond = false;
     switch (t.type) {
       case Tok::Number:
-        v = t.value;
+        v = constant(t.value);
         break;
       case Tok::Variable:
-        v = st_.x;
+        v = 0;
         break;
       case Tok::ConstE:
-        v = kE;
+        v = constant(kE);
         break;
       case Tok::ConstPi:
-        v = kPi;
+        v = constant(kPi);
         break;
       case Tok::Random:
-        v = next_random(st_);
+        v = emit(kRandom);
         break;
       case Tok::True:
       case Tok::False:
         if (!takes_condition(stack_.size())) return syntax();
-        v = t.type == Tok::True ? 1.0 : 0.0;
+        v = constant(t.type == Tok::True ? 1.0 : 0.0);
         cond = true;
         break;
       case Tok::Bit: {
@@ -711,7 +874,7 @@ class Parser {
       }
       case Tok::End:
         if (!stack_.empty()) return syntax();
-        *value = 0.0;  // the empty formula
+        *value = constant(0.0);  // the empty formula
         return kOk;
       default:
         return syntax();
@@ -723,7 +886,7 @@ class Parser {
 
   // BIT ( X , n ): the first argument must be the variable itself and n a 16-bit decimal
   // integer token; the result is bit n mod 32 of X as a 32-bit integer.
-  int16_t bit_test(double* v) {
+  int16_t bit_test(uint32_t* v) {
     if (depth_ + 6 > kStackLimit) return overflow();
     if (lexer_.next().type != Tok::LParen) return syntax();
     if (lexer_.next().type != Tok::Variable) return syntax();
@@ -731,8 +894,7 @@ class Parser {
     Token n = lexer_.next();
     if (n.type != Tok::Number || n.kind != NumberKind::Int16) return syntax();
     if (lexer_.next().type != Tok::RParen) return syntax();
-    uint32_t bit = static_cast<uint32_t>(n.value) % 32u;
-    *v = static_cast<double>((static_cast<uint32_t>(to_int32(st_.x)) >> bit) & 1u);
+    *v = emit(kBit, 0, 0, static_cast<uint32_t>(n.value) % 32u);
     return kOk;
   }
 
@@ -744,36 +906,36 @@ class Parser {
       Entry& m = stack_[stack_.size() - 2];
       int r = rank(m);
       if (r == 0 || r < threshold) break;
-      double v = 0.0;
       switch (m.mark) {
         case Mark::Binary:
         case Mark::Compare: {
           if (top.cond) return syntax();
-          double left = stack_[stack_.size() - 3].a;
-          if (int16_t s = apply_binary(m.op, left, top.a, &v); s != kOk) return s;
-          replace(3, v, m.mark == Mark::Compare);
+          const uint32_t left = stack_[stack_.size() - 3].a;
+          replace(3, emit(binary_code(m.op), left, top.a), m.mark == Mark::Compare);
           break;
         }
-        case Mark::Prefix:
+        case Mark::Prefix: {
           if (top.cond) return syntax();
-          v = m.op == Tok::Minus ? -top.a : m.op == Tok::Tilde ? ~to_int32(top.a) : top.a;
+          const uint32_t v = m.op == Tok::Minus   ? emit(kNegate, top.a)
+                             : m.op == Tok::Tilde ? emit(kInvert, top.a)
+                                                  : top.a;
           replace(2, v, false);
           break;
+        }
         case Mark::Not:
           if (!top.cond) return syntax();
-          replace(2, truth(top.a) ? 0.0 : 1.0, true);
+          replace(2, emit(kNot, top.a), true);
           break;
         case Mark::And:
         case Mark::Or: {
           if (!top.cond) return syntax();
-          bool l = truth(stack_[stack_.size() - 3].a);
-          bool rv = truth(top.a);
-          replace(3, (m.mark == Mark::And ? (l && rv) : (l || rv)) ? 1.0 : 0.0, true);
+          const uint32_t left = stack_[stack_.size() - 3].a;
+          replace(3, emit(m.mark == Mark::And ? kAnd : kOr, left, top.a), true);
           break;
         }
         case Mark::Colon:
           if (top.cond) return syntax();
-          replace(2, truth(m.a) ? m.b : top.a, false);
+          replace(2, emit(kSelect, m.a, m.b, top.a), false);
           break;
         default:
           return syntax();
@@ -782,27 +944,18 @@ class Parser {
     return kOk;
   }
 
-  void set_pair(double a, double b) {
-    st_.run_min = b < a ? b : a;
-    st_.run_max = b < a ? a : b;
-  }
-  void widen_pair(double v) {
-    if (v < st_.run_min) st_.run_min = v;
-    if (v > st_.run_max) st_.run_max = v;
-  }
-
   // "," after an argument of POW, MIN or MAX.
   int16_t next_argument() {
     Entry& top = stack_.back();
     Entry& call = stack_[stack_.size() - 2];
     if (top.cond) return syntax();
-    double v = top.a;
+    const uint32_t v = top.a;
     bool first = call.args == 0;
     if (call.op == Tok::Pow) {
       if (!first) return syntax();
     } else if (call.op == Tok::Min || call.op == Tok::Max) {
-      if (call.args == 1) set_pair(call.a, v);
-      if (call.args >= 2) widen_pair(v);
+      if (call.args == 1) emit(kSetPair, call.a, v);
+      if (call.args >= 2) emit(kWiden, v);
     } else {
       return syntax();
     }
@@ -822,31 +975,29 @@ class Parser {
   int16_t finish_call() {
     const Entry& top = stack_.back();
     const Entry& call = stack_[stack_.size() - 2];
-    double v = 0.0;
+    uint32_t v = 0;
     switch (call.op) {
       case Tok::Function:
         if (top.cond || call.args != 0 || call.fn == nullptr) return syntax();
-        // The logarithms of exactly 0 fail; other domain errors give NaN or infinity.
-        if ((call.fn == fn_ln || call.fn == fn_log) && top.a == 0.0) return kMathFault;
-        v = call.fn(top.a);
+        v = emit(kCall, top.a, 0, 0, call.fn);
         break;
       case Tok::Bool:
         if (!top.cond || call.args != 0) return syntax();
-        v = truth(top.a) ? 1.0 : 0.0;
+        v = emit(kBool, top.a);
         break;
       case Tok::Pow:
         if (top.cond || call.args != 1) return syntax();
-        v = std::pow(call.a, top.a);
+        v = emit(kPow, call.a, top.a);
         break;
       case Tok::Min:
       case Tok::Max:
         if (top.cond || call.args == 0) return syntax();
         if (call.args == 1) {
-          set_pair(call.a, top.a);
+          emit(kSetPair, call.a, top.a);
         } else {
-          widen_pair(top.a);
+          emit(kWiden, top.a);
         }
-        v = call.op == Tok::Min ? st_.run_min : st_.run_max;
+        v = emit(call.op == Tok::Min ? kMin : kMax);
         break;
       default:
         return syntax();
@@ -855,9 +1006,12 @@ class Parser {
     return kOk;
   }
 
-  FormulaState& st_;
   Lexer lexer_;
-  std::vector<Entry>& stack_;
+  std::vector<CompiledFormula::Op>& ops_;
+  std::vector<double>& registers_;
+  std::vector<bool> constant_;  // per register: holds a value known without X
+  std::vector<Entry> stack_;
+  const char** message_ = nullptr;
   size_t depth_ = 1;  // the start state
 };
 
@@ -865,33 +1019,12 @@ char to_upper(char c) {
   return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-}  // namespace
-
-void reset_formula_state() {
-  FormulaState& st = formula_state();
-  st.text = nullptr;
-  st.length = 0;
-  st.pos = 0;
-  st.x = 0.0;
-  st.result = 0.0;
-  st.run_min = 0.0;
-  st.run_max = 0.0;
-  st.random_seed = 1;
-  st.message = nullptr;
-  std::vector<Entry>().swap(st.stack);
-}
-
-const char* formula_failure_text() {
-  return formula_state().message;
-}
-
-int16_t evaluate_formula(std::span<char> text, double x, double* result) {
-  FormulaState& st = formula_state();
-  size_t n = 0;
-  for (; n < text.size() && text[n] != '\0'; ++n) text[n] = to_upper(text[n]);
+// Upper-cases text[0, n) and turns the commas of a leading plain number into points; returns
+// where the text starts after blanks and sets *plain_end to the end of that leading number.
+size_t normalise(char* text, size_t n, size_t* plain_end) {
+  for (size_t i = 0; i < n; ++i) text[i] = to_upper(text[i]);
   size_t start = 0;
   while (start < n && is_space(text[start])) ++start;
-
   // A text made only of digits, points, commas and a leading minus sign is a plain number
   // with commas as decimal points. The commas of such a prefix become points even when
   // more follows, so "1,5+X" reads as 1.5 + X.
@@ -900,39 +1033,108 @@ int16_t evaluate_formula(std::span<char> text, double x, double* result) {
   for (; end < n && (is_digit(text[end]) || text[end] == '.' || text[end] == ','); ++end) {
     if (text[end] == ',') text[end] = '.';
   }
+  *plain_end = end;
+  return start;
+}
 
-  st.text = text.data();
-  st.length = n;
-  st.pos = start;
-  st.x = x;
-  st.message = nullptr;
-  double value = 0.0;
-  int16_t status = kOk;
-  if (end == n) {
-    const char* p = text.data() + start;
-    const char* last = text.data() + n;
+size_t text_length(std::span<const char> text) {
+  size_t n = 0;
+  while (n < text.size() && text[n] != '\0') ++n;
+  return n;
+}
+
+// Compiles a normalised text of n characters.
+void compile_normalised(const char* text, size_t n, size_t start, size_t plain_end,
+                        std::vector<CompiledFormula::Op>* ops, std::vector<double>* registers,
+                        uint32_t* result, int16_t* status, const char** message) {
+  registers->assign(1, 0.0);  // X
+  if (plain_end == n) {
+    const char* p = text + start;
+    const char* last = text + n;
     bool negative = p < last && *p == '-';
     if (negative) ++p;
     size_t used = 0;
-    value = read_decimal(p, last, &used);
+    double value = read_decimal(p, last, &used);
     if (used == 0) {
       value = 0.0;
     } else if (negative) {
       value = -value;
     }
-  } else {
-    try {
-      Parser parser(st);
-      status = parser.run(&value);
-    } catch (const std::bad_alloc&) {
-      st.message = kMsgOverflow;
-      status = kSyntax;
+    registers->push_back(value);
+    *result = 1;
+    *status = kOk;
+    return;
+  }
+  Source src{text, n, start};
+  try {
+    Compiler compiler(src, *ops, *registers);
+    *status = compiler.run(result, message);
+  } catch (const std::bad_alloc&) {
+    *message = kMsgOverflow;
+    *status = kSyntax;
+  }
+}
+
+}  // namespace
+
+int16_t CompiledFormula::run(double x, double* result) const {
+  FormulaState& st = formula_state();
+  st.x = x;
+  st.message = nullptr;
+  double* r = registers_.data();
+  r[0] = x;
+  int16_t status = kOk;
+  for (const Op& op : ops_) {
+    if (!step(op, r, x, st)) {
+      status = kMathFault;
+      break;
     }
   }
-  if (status != kOk) value = 0.0;
+  if (status == kOk && end_status_ != kOk) {
+    status = end_status_;
+    st.message = end_message_;
+  }
+  const double value = status == kOk ? r[result_] : 0.0;
   st.result = value;
   if (result != nullptr) *result = value;
   return status;
+}
+
+std::shared_ptr<const CompiledFormula> compile_formula(std::span<const char> text) {
+  const size_t n = text_length(text);
+  std::vector<char> copy(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(n));
+  size_t plain_end = 0;
+  const size_t start = normalise(copy.data(), n, &plain_end);
+  auto compiled = std::make_shared<CompiledFormula>();
+  compile_normalised(copy.data(), n, start, plain_end, &compiled->ops_, &compiled->registers_,
+                     &compiled->result_, &compiled->end_status_, &compiled->end_message_);
+  return compiled;
+}
+
+void reset_formula_state() {
+  FormulaState& st = formula_state();
+  st.x = 0.0;
+  st.result = 0.0;
+  st.run_min = 0.0;
+  st.run_max = 0.0;
+  st.random_seed = 1;
+  st.message = nullptr;
+}
+
+const char* formula_failure_text() {
+  return formula_state().message;
+}
+
+void normalise_formula_text(std::span<char> text) {
+  size_t plain_end = 0;
+  normalise(text.data(), text_length(text), &plain_end);
+}
+
+int16_t evaluate_formula(std::span<char> text, double x, double* result) {
+  const size_t n = text_length(text);
+  size_t plain_end = 0;
+  normalise(text.data(), n, &plain_end);
+  return compile_formula(std::span<const char>(text.data(), n))->run(x, result);
 }
 
 }  // namespace korvel

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <span>
 
+#include "frame/bytes.h"
 #include "frame/frame.h"
 #include "korvel.h"
+#include "storage/layout.h"
 #include "storage/node.h"
 
 namespace korvel {
@@ -40,6 +42,11 @@ struct mdf_group {
   bool buffer_shown = false;
   uint32_t pending_length = 0;
   uint64_t pending_at = 0;
+  // While a record is pending: its record data in the records kept for array reads, when the
+  // seek found it there (null otherwise), and the record size it was found with. Refilling
+  // or releasing the kept records clears it.
+  const uint8_t* pending_record = nullptr;
+  uint16_t pending_record_size = 0;
 };
 
 namespace korvel {
@@ -54,9 +61,16 @@ inline bool is_group(const mdf_group* g) {
 inline uint8_t* record_data(mdf_group* g) {
   return g->buffer + kRecordDataOffset;
 }
-uint16_t record_size(const mdf_group* g);
-uint16_t record_ids(const mdf_group* g);
-uint32_t record_count(const mdf_group* g);  // as declared by the channel group
+inline uint16_t record_size(const mdf_group* g) {
+  return load_le16(g->cg->image + layout::cg::kRecordSize);
+}
+inline uint16_t record_ids(const mdf_group* g) {
+  return load_le16(g->dg->image + layout::dg::kRecordIds);
+}
+// As declared by the channel group.
+inline uint32_t record_count(const mdf_group* g) {
+  return load_le32(g->cg->image + layout::cg::kRecordCount);
+}
 // Whether the group offers record `index`: the group offers its declared count of records,
 // but no more than the bytes from the data position to the end of the file can hold at its
 // stride (record size plus identifiers); a record size of 0 offers none.

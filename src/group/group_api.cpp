@@ -106,6 +106,11 @@ void free_group(mdf_group* g) {
   mdfFree(g);
 }
 
+// The identifier byte of the group's own records.
+uint8_t own_record_id(const mdf_group* g) {
+  return static_cast<uint8_t>(load_le16(g->cg->image + cg::kRecordId) & 0xFF);
+}
+
 // Finds the channel group of a record identifier: the own one first, then the data
 // group's list in order.
 Node* group_of_record_id(mdf_group* g, uint8_t id) {
@@ -135,8 +140,12 @@ int16_t read_record(mdf_group* g, bool scan_only) {
     Node* owner = g->cg;
     if (ids != 0) {
       uint8_t id = 0;
-      if (!fits(at, 1) || io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
-          io::read(&id, 1, number) != 0) {
+      if (!fits(at, 1)) return raise(MDF_ERR_FORMAT, "");
+      // Records kept for array reads hold the identifier without a read.
+      if (const uint8_t* kept = kept_file_bytes(g, at, 1); kept != nullptr) {
+        id = *kept;
+      } else if (io::seek(number, static_cast<int64_t>(at), 0) != 0 ||
+                 io::read(&id, 1, number) != 0) {
         return raise(MDF_ERR_FORMAT, "");
       }
       owner = group_of_record_id(g, id);
@@ -151,6 +160,7 @@ int16_t read_record(mdf_group* g, bool scan_only) {
       g->record_pending = true;
       g->pending_at = at;
       g->pending_length = length;
+      g->pending_record = nullptr;
       return g->buffer_shown ? load_record(g) : 0;
     }
     g->record_position = at + length;
@@ -183,9 +193,26 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
   } else {
     return raise(MDF_ERR_SEEK_MODE, "");
   }
-  if (!offers_record(g, target)) return MDF_END_OF_GROUP;
   const uint64_t data = load_le32(g->dg->image + dg::kData);
-  const uint32_t stride = record_size(g) + record_ids(g);
+  const uint16_t ids = record_ids(g);
+  const uint32_t stride = record_size(g) + ids;
+  // A record of a sorted group kept in memory as it stands in the file is found as
+  // read_record finds it, without the file: its identifier is the group's own.
+  if (target != g->record_index || target == 0) {
+    if (const uint8_t* kept = kept_file_record(g, target);
+        kept != nullptr && (ids == 0 || kept[0] == own_record_id(g)) &&
+        record_size(g) + 1u + kBufferExtra + kRecordDataOffset <= g->buffer_capacity) {
+      g->record_index = target;
+      g->record_position = data + static_cast<uint64_t>(stride) * target;
+      g->record_pending = true;
+      g->pending_at = g->record_position + ids;
+      g->pending_length = record_size(g) + (ids == 2 ? 1u : 0u);
+      g->pending_record = kept + ids;
+      g->pending_record_size = record_size(g);
+      return g->buffer_shown ? load_record(g) : 0;
+    }
+  }
+  if (!offers_record(g, target)) return MDF_END_OF_GROUP;
   if (target == 0) {
     g->record_index = 0;
     g->record_position = data;
@@ -251,7 +278,7 @@ int16_t write_record(mdf_group* g) {
 int16_t append_record(mdf_group* g) {
   if (g->mode != 2) return raise(MDF_ERR_OPEN_MODE, "");
   const uint16_t number = g->file->io_number;
-  if (io::seek(number, 0, io::kToEnd) != 0) return internal_error("MDFGRP1", 402);
+  if (io::seek(number, 0, io::kToEnd) != 0) return internal_error("MDFGRP1", __LINE__);
   const int64_t end = io::tell(number);
   if (end > 0xFFFFFFFFLL) return raise(MDF_ERR_FILE_TOO_LARGE, "");
   g->record_position = static_cast<uint64_t>(end);
@@ -512,15 +539,6 @@ ChannelCache& channel_cache() {
   return state().channel_cache;
 }
 
-uint16_t record_size(const mdf_group* g) {
-  return load_le16(g->cg->image + cg::kRecordSize);
-}
-uint16_t record_ids(const mdf_group* g) {
-  return load_le16(g->dg->image + dg::kRecordIds);
-}
-uint32_t record_count(const mdf_group* g) {
-  return load_le32(g->cg->image + cg::kRecordCount);
-}
 bool offers_record(const mdf_group* g, uint32_t index) {
   const uint32_t size = record_size(g);
   if (size == 0 || index >= record_count(g)) return false;
@@ -568,7 +586,7 @@ KORVEL_API int16_t mdfGrpOpen(mdf_group** group, mdf_file* file, uint16_t number
     if (group != nullptr) *group = nullptr;
     if (!is_file(file)) return bad_file();
     if (mode > 2 || (mode != 0 && mode != file->mode)) return raise(MDF_ERR_OPEN_MODE, "");
-    if (group == nullptr) return internal_error("MDFGRP1", 120);
+    if (group == nullptr) return internal_error("MDFGRP1", __LINE__);
     return mode == 2 ? open_created(group, file, number) : open_existing(group, file, number, mode);
   });
 }

@@ -19,12 +19,13 @@ namespace {
 constexpr const char* kChannelUnit = "MDFCHN1";
 constexpr const char* kGroupUnit = "MDFGRP3";
 
-uint8_t* image_of(Node* node) {
+const uint8_t* image_of(const Node* node) {
   return node != nullptr ? node->image : nullptr;
 }
 
 // The record at the cursor through the single-value decoders.
-void decode_current(mdf_group* g, ValueKind kind, const uint8_t* cn, uint8_t* cc, void* out) {
+void decode_current(mdf_group* g, ValueKind kind, const uint8_t* cn, const uint8_t* cc,
+                    void* out) {
   const std::span<const uint8_t> record = record_span(g);
   switch (kind) {
     case ValueKind::hex:
@@ -73,7 +74,7 @@ int16_t for_each_run(mdf_group* g, const Span& s, uint32_t* done, Visit&& visit)
 }
 
 // Values of kind `kind` of the channel (cn, cc) of group g into values (double or uint64_t).
-int16_t read_values(mdf_group* g, const uint8_t* cn, uint8_t* cc, ValueKind kind, void* values,
+int16_t read_values(mdf_group* g, const uint8_t* cn, const uint8_t* cc, ValueKind kind, void* values,
                     uint32_t* done_out, uint32_t first, uint32_t count) {
   if (done_out != nullptr) *done_out = 0;
   if (values == nullptr && count != 0) return internal_error(kChannelUnit, __LINE__);

@@ -92,8 +92,8 @@ KORVEL_API int16_t mdfGrpChnOpen(channelnode** channel, mdf_group** group, mdf_f
     if (!is_file(file)) return raise(MDF_ERR_BAD_FILE, "");
     if (mode > MDF_OPEN_CREATE) return raise(MDF_ERR_OPEN_MODE, "");
     // Channels are opened with their group for reading only.
-    if (mode != MDF_OPEN_READ) return internal_error(kUnit, 60);
-    if (channel == nullptr || group == nullptr) return internal_error(kUnit, 61);
+    if (mode != MDF_OPEN_READ) return internal_error(kUnit, __LINE__);
+    if (channel == nullptr || group == nullptr) return internal_error(kUnit, __LINE__);
     return open_at(channel, group, file, place_of_channel(file, number), mode);
   });
 }
@@ -106,9 +106,9 @@ KORVEL_API int16_t mdfGrpChnOpenName(channelnode** channel, mdf_group** group, m
     if (!is_file(file)) return raise(MDF_ERR_BAD_FILE, "");
     if (mode > MDF_OPEN_CREATE) return raise(MDF_ERR_OPEN_MODE, "");
     // A created group has no channels to find yet.
-    if (mode == MDF_OPEN_CREATE) return internal_error(kUnit, 120);
-    if (channel == nullptr || group == nullptr) return internal_error(kUnit, 121);
-    if (name == nullptr) return internal_error(kUnit, 122);
+    if (mode == MDF_OPEN_CREATE) return internal_error(kUnit, __LINE__);
+    if (channel == nullptr || group == nullptr) return internal_error(kUnit, __LINE__);
+    if (name == nullptr) return internal_error(kUnit, __LINE__);
     if (name[0] == '\0') return MDF_CHN_NOT_FOUND;  // no channel has an empty name to match
     return open_at(channel, group, file, place_of_name(file, name), mode);
   });

@@ -77,7 +77,7 @@ int16_t get_trigger(mdf_group* g, const char** comment, uint16_t* count, const v
 }
 
 int16_t set_trigger(mdf_group* g, const char* comment, uint16_t count, const double* events) {
-  if (count != 0 && events == nullptr) return internal_error(kUnit, 210);
+  if (count != 0 && events == nullptr) return internal_error(kUnit, __LINE__);
   // The TR block first: it is the one a large count can refuse.
   Node* tr = nullptr;
   if (int16_t st = new_trigger_block(g->file, &tr, count); st != 0) return st;

@@ -19,7 +19,7 @@ using namespace layout;
 constexpr const char* kUnit = "MDFGRP3";
 constexpr uint16_t kChoiceBits = 7;  // the low bits of a time seek mode choose the record
 
-uint8_t* time_rule(mdf_group* g) {
+const uint8_t* time_rule(mdf_group* g) {
   return g->time_conversion != nullptr ? g->time_conversion->image : nullptr;
 }
 
@@ -152,7 +152,7 @@ int16_t group_set_time(mdf_group* g, double time) {
 }
 
 int16_t group_seek_time(mdf_group* g, double time, uint16_t mode) {
-  if (g->time_channel == nullptr) return internal_error(kUnit, 120);
+  if (g->time_channel == nullptr) return internal_error(kUnit, __LINE__);
   // At record 0 the current time is taken as 0.0 without reading the record.
   double current = 0.0;
   if (g->record_index != 0) {

@@ -36,6 +36,9 @@ struct RecordCache {
   int64_t file_size = 0;
   std::array<IdEntry, 256> owners{};
   bool valid = false;
+  // Whether the bytes are the file's bytes as they stand (records read in one piece from
+  // the record of index `first` on), identifiers included.
+  bool mirror = false;
   // Records first .. first + count - 1, record r's data at bytes + lead + r * stride.
   std::unique_ptr<uint8_t[]> bytes;  // not zero-filled: every byte handed out was read
   std::size_t capacity = 0;
@@ -162,6 +165,7 @@ bool read_direct(RecordCache& c, uint16_t number, uint32_t first, uint32_t n, bo
   c.stride = c.file_stride;
   c.first = first;
   c.count = n;
+  c.mirror = true;
   return true;
 }
 
@@ -173,6 +177,7 @@ uint32_t read_packed(RecordCache& c, uint16_t number, uint32_t first, uint32_t n
   c.stride = c.size;
   c.first = first;
   c.count = 0;
+  c.mirror = false;
   if (!c.direct && (c.next_index > first || c.next_index == 0)) {
     c.next_index = 0;
     c.next_position = c.data;
@@ -218,6 +223,7 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
   // Only a file open for reading keeps its records as they are between calls.
   const bool keep = g->file->mode == 0;
   if (!keep || !c.valid || !same_layout(c, now)) {
+    g->pending_record = nullptr;
     c.data = now.data;
     c.size = now.size;
     c.file_stride = now.file_stride;
@@ -231,6 +237,7 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
     c.valid = true;
   }
   if (index < c.first || index - c.first >= c.count) {
+    g->pending_record = nullptr;  // the kept bytes are about to change
     const uint32_t left = offered_records(g) - index;
     const uint32_t fit = static_cast<uint32_t>(std::max<std::size_t>(1, kRecordCacheBytes / c.file_stride));
     const uint32_t n = std::min(left, keep ? fit : std::min(fit, limit));
@@ -253,15 +260,47 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
   return 0;
 }
 
+namespace {
+
+// Whether the records kept with a group handle of a file open for reading were read for the
+// group's layout as it is now. Such a file neither grows nor has its channel groups, record
+// sizes or identifiers changed, so the data position, record size, identifier count and
+// sortedness tell the layout apart without walking the data group's channel groups.
+bool kept_layout_current(const RecordCache* c, const mdf_group* g) {
+  if (c == nullptr || !c->valid) return false;
+  const uint16_t ids = record_ids(g);
+  return c->ids == ids && c->size == record_size(g) &&
+         c->data == load_le32(g->dg->image + dg::kData) &&
+         c->direct == (ids == 0 || load_le16(g->dg->image + dg::kCgCount) == 1);
+}
+
+}  // namespace
+
+const uint8_t* kept_file_record(const mdf_group* g, uint32_t index) {
+  if (g->file->mode != 0) return nullptr;
+  const RecordCache* c = g->records;
+  if (c == nullptr || !c->mirror || index < c->first || index - c->first >= c->count ||
+      !kept_layout_current(c, g)) {
+    return nullptr;
+  }
+  return c->bytes.get() + std::size_t{index - c->first} * c->file_stride;
+}
+
+const uint8_t* kept_file_bytes(const mdf_group* g, uint64_t at, uint32_t n) {
+  if (g->file->mode != 0) return nullptr;
+  const RecordCache* c = g->records;
+  if (c == nullptr || !c->mirror || !kept_layout_current(c, g)) return nullptr;
+  const uint64_t begin = c->data + uint64_t{c->first} * c->file_stride;
+  const uint64_t end = begin + uint64_t{c->count} * c->file_stride;
+  if (at < begin || at > end || end - at < n) return nullptr;
+  return c->bytes.get() + (at - begin);
+}
+
 const uint8_t* kept_record(mdf_group* g, uint32_t index) {
   if (g->file->mode != 0) return nullptr;
   const RecordCache* c = g->records;
-  if (c != nullptr && c->valid && c->ids == 0 && record_ids(g) == 0 && index >= c->first &&
-      index - c->first < c->count && c->size == record_size(g) &&
-      c->data == load_le32(g->dg->image + dg::kData) &&
-      c->file_size == io::known_size(g->file->io_number)) {
-    // Without identifiers the layout is the data position and the record size; groups with
-    // identifiers are checked in full by fetch_records.
+  if (c != nullptr && index >= c->first && index - c->first < c->count &&
+      kept_layout_current(c, g)) {
     return c->bytes.get() + c->lead + std::size_t{index - c->first} * c->stride;
   }
   if (!offers_record(g, index)) return nullptr;
@@ -271,6 +310,7 @@ const uint8_t* kept_record(mdf_group* g, uint32_t index) {
 }
 
 void release_record_cache(mdf_group* g) {
+  g->pending_record = nullptr;
   delete g->records;
   g->records = nullptr;
 }

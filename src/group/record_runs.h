@@ -37,6 +37,15 @@ int16_t fetch_records(mdf_group* g, uint32_t index, uint32_t limit, RecordRun* r
 // modifying or creating, or when the record cannot be read (nothing raised then).
 const uint8_t* kept_record(mdf_group* g, uint32_t index);
 
+// Record `index` of a sorted group (its identifier first, when it has one) as it stands in the
+// file, when the records kept with a group handle of a file open for reading hold it as read
+// in one piece (nothing is read); null otherwise. Such a record is one the group offers.
+const uint8_t* kept_file_record(const mdf_group* g, uint32_t index);
+
+// The file bytes [at, at + n) when the records kept with a group handle of a file open for
+// reading hold them as they stand in the file (nothing is read); null otherwise.
+const uint8_t* kept_file_bytes(const mdf_group* g, uint64_t at, uint32_t n);
+
 // Frees the bytes kept with the group handle.
 void release_record_cache(mdf_group* g);
 

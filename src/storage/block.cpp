@@ -7,10 +7,10 @@
 #include <cstring>
 #include <vector>
 
-#include "convert/conversion.h"
 #include "frame/bytes.h"
 #include "frame/frame.h"
 #include "platform/platform.h"
+#include "storage/cc_extra.h"
 #include "storage/io.h"
 
 namespace korvel {

@@ -687,6 +687,28 @@ TEST_F(ChannelApi, GetWithAnOffsetReadsThatRecordAndMovesTheCursorBack) {
   EXPECT_EQ(mdfGetErrorCode(), 0) << "1016, 1020 and 1021 are returned, not raised";
 }
 
+// The coding prepared for a handle follows the setters: a new rule through this handle, a new
+// byte offset through another handle on the same CN block (both see the one block image).
+TEST_F(ChannelApi, PreparedCodingFollowsRuleAndOffsetSetters) {
+  mdf_group* g = open(write(ten_records()), MDF_OPEN_MODIFY);
+  Ch a = open_channel(g, 1), b = open_channel(g, 1);
+  ASSERT_EQ(mdfGrpSeek(g, 3, MDF_SEEK_ABS), 0);
+  // Setter, then the values read through a and b (record 3: u16 771; bytes 2..3 hold 3).
+  const std::tuple<std::function<int16_t()>, double, double> steps[] = {
+      {[] { return int16_t{0}; }, 771, 771},
+      {[&] { return mdfChnSetFormLin(a, "u", 1.0, 2.0); }, 1543, 771},
+      {[&] { return mdfChnSetInfoExt(b, 2, nullptr, nullptr); }, 7, 3},
+      {[&] { return mdfChnSetFormLin(a, "u", 0.0, -1.0); }, -3, 3},
+  };
+  for (const auto& [set, via_a, via_b] : steps) {
+    ASSERT_EQ(set(), 0);
+    double va = 0, vb = 0;
+    EXPECT_EQ(mdfChnGetPhy(&va, a, 0), 0);
+    EXPECT_EQ(mdfChnGetPhy(&vb, b, 0), 0);
+    EXPECT_EQ(std::make_pair(va, vb), std::make_pair(via_a, via_b));
+  }
+}
+
 TEST_F(ChannelApi, ReadAndWriteStepsMoveOnFromTheSecondCall) {
   auto model = ten_records();
   const auto file = write(model);

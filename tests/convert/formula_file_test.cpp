@@ -3,9 +3,11 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "korvel.h"
 #include "support/mdf_builder.h"
+#include "support/mdf_reader.h"
 #include "support/scratch.h"
 
 namespace {
@@ -52,6 +54,32 @@ TEST(FormulaFile, TextFormulasConvertRecordValues) {
       EXPECT_DOUBLE_EQ(value, columns[c].expected(x)) << x;
     }
     EXPECT_EQ(mdfChnClose(ch), 0);
+    ASSERT_EQ(mdfGrpSeek(group, 0, MDF_SEEK_ABS), 0);
+  }
+  // A formula read twice gives the same value; reading it upper-cases its text in the block, so
+  // a copy of the rule written into another file holds the upper-cased text.
+  {
+    channelnode* b = nullptr;
+    ASSERT_EQ(mdfChnOpen(&b, group, 2), 0);
+    ASSERT_EQ(mdfGrpSeek(group, 4, MDF_SEEK_ABS), 0);
+    double first = 0, second = 0;
+    EXPECT_EQ(mdfChnGetPhy(&first, b, 0), 0);
+    EXPECT_EQ(mdfChnGetPhy(&second, b, 0), 0);
+    EXPECT_EQ(std::make_pair(first, second), std::make_pair(-4.0, -4.0));
+    const std::string copy_path = (dir / "copy.mdf").string();
+    mdf_file* target = nullptr;
+    mdf_group* created = nullptr;
+    channelnode* copy = nullptr;
+    ASSERT_EQ(mdfFileOpen(&target, copy_path.c_str(), MDF_OPEN_CREATE), 0);
+    ASSERT_EQ(mdfGrpOpen(&created, target, 1, MDF_OPEN_CREATE), 0);
+    ASSERT_EQ(mdfChnDuplicate(&copy, created, b), 0);
+    ASSERT_EQ(mdfFileClose(target), 0);
+    const auto read = mdftest::read_file(copy_path);
+    ASSERT_TRUE(read.ok()) << read.error_text();
+    const auto& conversion = read.data_groups.at(0).channel_groups.at(0).channels.at(0).conversion;
+    ASSERT_TRUE(conversion.has_value());
+    EXPECT_EQ(conversion->formula, "X*3 - 0X10");
+    EXPECT_EQ(mdfChnClose(b), 0);
     ASSERT_EQ(mdfGrpSeek(group, 0, MDF_SEEK_ABS), 0);
   }
   // Writing a physical value through a text formula is refused and stores nothing.

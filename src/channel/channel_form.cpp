@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "channel/channel_node.h"
+#include "channel/codec.h"
 #include "convert/conversion.h"
 #include "frame/api.h"
 #include "frame/bytes.h"
@@ -126,6 +127,7 @@ int16_t attach_rule(channelnode* ch, uint16_t type, uint16_t entries, const char
              cc::kUnitLength);
   set_link(ch->cn, cn::kConversion, 0, cc);
   ch->cc = cc;
+  channel_images_changed();
   // The group converts its time with the time channel's rule.
   if (ch->group->time_channel == ch->cn) ch->group->time_conversion = cc;
   *out = cc;
@@ -281,7 +283,7 @@ KORVEL_API int16_t mdfChnSetFormTab(channelnode* channel, uint16_t type, const c
     if (type != MDF_CC_FRM_ITAB && type != MDF_CC_FRM_TAB) {
       return raise_fmt(MDF_UNKNOWN_FORMULA, "(id=%d)", type);
     }
-    if (points == nullptr || count == 0) return internal_error("MDFFORM2", 312);
+    if (points == nullptr || count == 0) return internal_error("MDFFORM2", __LINE__);
     Node* cc = nullptr;
     if (int16_t st = attach_rule(channel, type, count, unit, &cc); st != 0) return st;
     for (uint32_t i = 0; i < 2u * count; ++i)
