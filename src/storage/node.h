@@ -70,6 +70,10 @@ class NodeTree {
   static void register_links(Node* node);
 
   Node* find_by_position(uint32_t position) const;
+  // Whether `node` is one of this tree's nodes.
+  bool contains(const Node* node) const {
+    return node != nullptr && node->list_index < nodes_.size() && nodes_[node->list_index] == node;
+  }
   static Node* find_by_block(const uint8_t* image);
   // The link record of a field, or null when the block has no link there.
   static LinkRecord* find_link(Node* owner, uint32_t field);
