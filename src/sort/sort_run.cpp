@@ -106,9 +106,8 @@ int16_t Sorter::finalize_identification() {
 }
 
 int16_t Sorter::first_pass() {
-  Node* dg = resolve_link(tree_->tree, tree_->header, hd::kFirstDg);
   bool unsorted = false;
-  for (; dg != nullptr; dg = resolve_link(tree_->tree, dg, dg::kNext)) {
+  for (Node* dg : chain(tree_->tree, tree_->header, hd::kFirstDg)) {
     DataGroupStats g;
     g.dg = dg;
     g.data = load_le32(dg->image + dg::kData);

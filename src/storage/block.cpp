@@ -99,6 +99,19 @@ class FileReader {
   }
   // Reads the next member of a chain; a member seen before closes a loop.
   int16_t read_chain_member(uint32_t link, uint16_t kind, Node** out);
+  // Reads the chain of `kind` that starts at `owner`'s link at `field`, handing each member
+  // to `visit` (a status) before the next is read; a member seen before closes a loop.
+  template <class Visit>
+  int16_t read_chain(Node* owner, uint32_t field, uint16_t kind, Visit&& visit) {
+    const uint32_t next = kind_spec(kind)->next;
+    Node* member = nullptr;
+    for (uint32_t link = load_le32(owner->image + field); link != 0;
+         link = load_le32(member->image + next)) {
+      if (int16_t st = read_chain_member(link, kind, &member); st != 0) return st;
+      if (int16_t st = visit(member); st != 0) return st;
+    }
+    return 0;
+  }
   int16_t read_data_group(Node* dg);
   int16_t read_channel_group(Node* cg);
   int16_t read_channel(Node* cn);
@@ -151,13 +164,7 @@ int16_t FileReader::run() {
   Node* unused = nullptr;
   if (int16_t st = read_link(hd, hd::kProgram, kPR, &unused); st != 0) return st;
   if (int16_t st = read_link(hd, hd::kComment, kTX, &unused); st != 0) return st;
-  Node* dg = nullptr;
-  for (uint32_t link = load_le32(hd->image + hd::kFirstDg); link != 0;
-       link = load_le32(dg->image + dg::kNext)) {
-    if (int16_t st = read_chain_member(link, kDG, &dg); st != 0) return st;
-    if (int16_t st = read_data_group(dg); st != 0) return st;
-  }
-  return 0;
+  return read_chain(hd, hd::kFirstDg, kDG, [&](Node* dg) { return read_data_group(dg); });
 }
 
 int16_t FileReader::read_data_group(Node* dg) {
@@ -171,32 +178,17 @@ int16_t FileReader::read_data_group(Node* dg) {
     if (int16_t st = read_link(tr, tr::kComment, kTX, &comment); st != 0) return st;
     convert_trigger(tr);
   }
-  Node* cg = nullptr;
-  for (uint32_t link = load_le32(dg->image + dg::kFirstCg); link != 0;
-       link = load_le32(cg->image + cg::kNext)) {
-    if (int16_t st = read_chain_member(link, kCG, &cg); st != 0) return st;
-    if (int16_t st = read_channel_group(cg); st != 0) return st;
-  }
-  return 0;
+  return read_chain(dg, dg::kFirstCg, kCG, [&](Node* cg) { return read_channel_group(cg); });
 }
 
 int16_t FileReader::read_channel_group(Node* cg) {
   Node* node = nullptr;
   if (int16_t st = read_link(cg, cg::kComment, kTX, &node); st != 0) return st;
   if (cg->block_size() >= cg::kSizeWithSr) {
-    Node* sr = nullptr;
-    for (uint32_t link = load_le32(cg->image + cg::kFirstSr); link != 0;
-         link = load_le32(sr->image + sr::kNext)) {
-      if (int16_t st = read_chain_member(link, kSR, &sr); st != 0) return st;
-    }
+    const int16_t st = read_chain(cg, cg::kFirstSr, kSR, [](Node*) { return int16_t{0}; });
+    if (st != 0) return st;
   }
-  Node* cn = nullptr;
-  for (uint32_t link = load_le32(cg->image + cg::kFirstCn); link != 0;
-       link = load_le32(cn->image + cn::kNext)) {
-    if (int16_t st = read_chain_member(link, kCN, &cn); st != 0) return st;
-    if (int16_t st = read_channel(cn); st != 0) return st;
-  }
-  return 0;
+  return read_chain(cg, cg::kFirstCn, kCN, [&](Node* cn) { return read_channel(cn); });
 }
 
 int16_t FileReader::read_channel(Node* cn) {
