@@ -211,13 +211,13 @@ std::string field_string(const uint8_t* field, std::size_t width) {
 // blocks its links point to: copied link records still point into the source's tree.
 int16_t copy_with_texts(mdf_file* file, mdf_file* source_file, Node* source, Node** out) {
   Node* copy = nullptr;
-  if (int16_t st = copy_block(file, &copy, source); st != 0) return st;
+  if (int16_t st = copy_block(file, &copy, source_file->tree, source); st != 0) return st;
   for (uint16_t i = 0; i < copy->link_count; ++i) {
     const uint32_t field = copy->links()[i].field;
     Node* text = resolve_link(source_file->tree, source, field);
     Node* text_copy = nullptr;
     if (text != nullptr) {
-      if (int16_t st = copy_block(file, &text_copy, text); st != 0) return st;
+      if (int16_t st = copy_block(file, &text_copy, source_file->tree, text); st != 0) return st;
     }
     set_link(copy, field, 0, text_copy);
   }
@@ -274,8 +274,8 @@ ChannelMatch find_channel_by_name(mdf_file* file, Node* cg, const char* name) {
   for (bool ignore_case : {false, true}) {
     uint16_t index = 0;
     // Channels beyond the 16-bit index range cannot be opened by index, so none is matched.
-    for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr && index < 0xFFFF;
-         cn = resolve_link(file->tree, cn, cn::kNext)) {
+    for (Node* cn : chain(file->tree, cg, cg::kFirstCn)) {
+      if (index >= 0xFFFF) break;
       ++index;
       if (load_le16(cn->image + cn::kType) == MDF_CHN_TIME) continue;
       if (names_equal(cn->image + cn::kName, name, ignore_case)) return ChannelMatch{index, cn};

@@ -16,6 +16,7 @@
 #include "group/group.h"
 #include "storage/block.h"
 #include "storage/io.h"
+#include "storage/placement.h"
 
 // Records are handed out at block offset 6, so the record type must not need more alignment.
 static_assert(alignof(ce_info) == 1 && sizeof(ce_info) == korvel::module::kRecordSize);
@@ -163,20 +164,27 @@ int16_t get_typed(channelnode* channel, Layout layout, std::initializer_list<Fie
 
 int16_t write_new_module_blocks(mdf_file* file, Node* cg) {
   const uint16_t number = file->io_number;
-  for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr;
-       cn = resolve_link(file->tree, cn, cn::kNext)) {
-    const uint32_t at = disk_position(cn);
+  Placement placement(file->tree);
+  for (Node* cn : chain(file->tree, cg, cg::kFirstCn)) {
+    uint64_t at = 0;
     Node* ce = resolve_link(file->tree, cn, cn::kExtension);
-    if (at == 0 || ce == nullptr) continue;
-    if (disk_position(ce) == 0) {
+    if (!placement.position_of(cn, &at) || ce == nullptr) continue;
+    if (!placement.placed(ce)) {
       if (int16_t st = io::seek(number, 0, io::kToEnd); st != 0) return st;
-      if (int16_t st = append_block(file, ce); st != 0) return st;
+      placement.set_end(static_cast<uint64_t>(io::tell(number)));
+      if (int16_t st = append_placed(file, placement, {ce}); st != 0) return st;
     }
-    if (load_le32(cn->image + cn::kExtension) == disk_position(ce)) continue;
+    uint32_t link = 0;
+    if (int16_t st = placed_link(file->tree, cn, cn::kExtension, placement, &link); st != 0)
+      return st;
+    if (load_le32(cn->image + cn::kExtension) == link) continue;
     // Only the link: other fields of the CN image may hold changes that this file's mode
     // never writes (and repairs made at read), which a module set must not carry to disk.
-    if (int16_t st = set_link_from_node(file, cn, cn::kExtension); st != 0) return st;
-    if (int16_t st = io::seek(number, at + cn::kExtension, io::kFromStart); st != 0) return st;
+    store_le32(cn->image + cn::kExtension, link);
+    if (int16_t st = io::seek(number, static_cast<int64_t>(at + cn::kExtension), io::kFromStart);
+        st != 0) {
+      return st;
+    }
     if (int16_t st = io::write(cn->image + cn::kExtension, 4, number); st != 0) return st;
   }
   // A link that could not be followed has been raised; its status ends the writing.

@@ -263,7 +263,7 @@ void Dumper::data_group(Node* dg) {
   print("\n  DGBLOCK: %u Groups, %u Ids, Data at %u\n", u16_at(dg, dg::kCgCount),
         u16_at(dg, dg::kRecordIds), u32_at(dg, dg::kData));
   trigger(follow(dg, dg::kTrigger));
-  for (Node* cg = follow(dg, dg::kFirstCg).node; cg != nullptr; cg = follow(cg, cg::kNext).node) {
+  for (Node* cg : chain(file_->tree, dg, dg::kFirstCg)) {
     channel_group(cg);
   }
 }
@@ -289,11 +289,11 @@ void Dumper::channel_group(Node* cg) {
         u16_at(cg, cg::kCnCount), u32_at(cg, cg::kRecordCount));
   comment(kGroupIndent, follow(cg, cg::kComment));
   if (cg->block_size() >= cg::kSizeWithSr) {
-    for (Node* sr = follow(cg, cg::kFirstSr).node; sr != nullptr; sr = follow(sr, sr::kNext).node) {
+    for (Node* sr : chain(file_->tree, cg, cg::kFirstSr)) {
       sample_reduction(sr);
     }
   }
-  for (Node* cn = follow(cg, cg::kFirstCn).node; cn != nullptr; cn = follow(cn, cn::kNext).node) {
+  for (Node* cn : chain(file_->tree, cg, cg::kFirstCn)) {
     channel(cn);
   }
 }

@@ -15,6 +15,7 @@
 #include "storage/block.h"
 #include "storage/file.h"
 #include "storage/io.h"
+#include "storage/placement.h"
 
 namespace korvel {
 
@@ -27,25 +28,6 @@ int16_t bad_group() {
 }
 int16_t bad_file() {
   return raise(MDF_ERR_BAD_FILE, "");
-}
-
-// Walks the channel groups in numbering order: each DG of the header's list, each CG of
-// that DG. The visitor gets (dg, cg, previous cg in the same dg, previous dg, number).
-template <class Visit>
-void for_each_channel_group(mdf_file* file, Visit&& visit) {
-  uint32_t number = 0;
-  Node* previous_dg = nullptr;
-  bool go_on = true;
-  for_each_data_group(file, [&](Node* dg) {
-    Node* previous_cg = nullptr;
-    for (Node* cg = resolve_link(file->tree, dg, dg::kFirstCg); cg != nullptr && go_on;
-         cg = resolve_link(file->tree, cg, cg::kNext)) {
-      go_on = visit(dg, cg, previous_cg, previous_dg, ++number);
-      previous_cg = cg;
-    }
-    previous_dg = dg;
-    return go_on;
-  });
 }
 
 bool find_channel_group(mdf_file* file, uint32_t n, Node** dg_out, Node** cg_out,
@@ -115,8 +97,7 @@ uint8_t own_record_id(const mdf_group* g) {
 // group's list in order.
 Node* group_of_record_id(mdf_group* g, uint8_t id) {
   if ((load_le16(g->cg->image + cg::kRecordId) & 0xFF) == id) return g->cg;
-  for (Node* cg = resolve_link(g->file->tree, g->dg, dg::kFirstCg); cg != nullptr;
-       cg = resolve_link(g->file->tree, cg, cg::kNext)) {
+  for (Node* cg : chain(g->file->tree, g->dg, dg::kFirstCg)) {
     if ((load_le16(cg->image + cg::kRecordId) & 0xFF) == id) return cg;
   }
   return nullptr;
@@ -289,8 +270,7 @@ int16_t append_record(mdf_group* g) {
 
 // Counts the channels of a channel group and finds its time channel (the last of type 1).
 void scan_channels(mdf_group* g) {
-  for (Node* cn = resolve_link(g->file->tree, g->cg, cg::kFirstCn); cn != nullptr;
-       cn = resolve_link(g->file->tree, cn, cn::kNext)) {
+  for (Node* cn : chain(g->file->tree, g->cg, cg::kFirstCn)) {
     if (g->channel_count < 0xFFFF) ++g->channel_count;
     if (load_le16(cn->image + cn::kType) == 1) g->time_channel = cn;
   }
@@ -373,66 +353,57 @@ int16_t open_created(mdf_group** out, mdf_file* file, uint16_t n) {
   return 0;
 }
 
-// Appends a new block, or leaves one that is on disk already where it is.
-int16_t place_block(mdf_file* file, Node* node) {
-  if (node == nullptr || disk_position(node) != 0) return 0;
-  return append_block(file, node);
-}
-
+// The blocks of a created group go to the end of the file, each block before the blocks that
+// link to it: per channel (last first) its module block, the texts of a verbal range table,
+// the conversion, comment, display name and long name, then the channel; then the channel
+// group's comment and the channel group, the trigger's comment and the trigger, and the data
+// group. Blocks on disk already stay where they are. The header is then rewritten in place
+// with the new first data group.
 int16_t write_created_group(mdf_group* g) {
   mdf_file* file = g->file;
   auto& tree = file->tree;
   std::vector<Node*> channels;
-  for (Node* cn = resolve_link(tree, g->cg, cg::kFirstCn); cn != nullptr;
-       cn = resolve_link(tree, cn, cn::kNext)) {
-    channels.push_back(cn);
-  }
+  for (Node* cn : chain(tree, g->cg, cg::kFirstCn)) channels.push_back(cn);
+  std::vector<Node*> order;
   for (auto it = channels.rbegin(); it != channels.rend(); ++it) {
     Node* cn = *it;
-    if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kExtension)); st != 0) return st;
+    order.push_back(resolve_link(tree, cn, cn::kExtension));
     Node* cc = resolve_link(tree, cn, cn::kConversion);
     if (cc != nullptr && load_le16(cc->image + cc::kType) == 12) {
       for (uint16_t i = 0; i < cc->link_count; ++i) {
-        const uint32_t field = cc->links()[i].field;
-        if (int16_t st = place_block(file, resolve_link(tree, cc, field)); st != 0) return st;
-        if (int16_t st = set_link_from_node(file, cc, field); st != 0) return st;
+        order.push_back(resolve_link(tree, cc, cc->links()[i].field));
       }
     }
-    if (int16_t st = place_block(file, cc); st != 0) return st;
-    if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kComment)); st != 0) return st;
+    order.push_back(cc);
+    order.push_back(resolve_link(tree, cn, cn::kComment));
     if (cn->block_size() >= cn::kSizeLongName) {
-      if (cn->block_size() >= cn::kSize) {
-        if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kDisplayName)); st != 0) {
-          return st;
-        }
-      }
-      if (int16_t st = place_block(file, resolve_link(tree, cn, cn::kLongName)); st != 0) return st;
+      if (cn->block_size() >= cn::kSize) order.push_back(resolve_link(tree, cn, cn::kDisplayName));
+      order.push_back(resolve_link(tree, cn, cn::kLongName));
     }
-    if (int16_t st = set_links_from_nodes(file, cn); st != 0) return st;
-    if (int16_t st = append_block(file, cn); st != 0) return st;
+    order.push_back(cn);
   }
-  if (int16_t st = place_block(file, resolve_link(tree, g->cg, cg::kComment)); st != 0) return st;
+  order.push_back(resolve_link(tree, g->cg, cg::kComment));
+  order.push_back(g->cg);
+  if (Node* tr = resolve_link(tree, g->dg, dg::kTrigger); tr != nullptr) {
+    order.push_back(resolve_link(tree, tr, tr::kComment));
+    order.push_back(tr);
+  }
+  order.push_back(g->dg);
   // The count written is the index of the last appended record.
   store_le32(g->cg->image + cg::kRecordCount, g->record_index);
-  if (int16_t st = set_links_from_nodes(file, g->cg); st != 0) return st;
-  if (int16_t st = append_block(file, g->cg); st != 0) return st;
-  if (Node* tr = resolve_link(tree, g->dg, dg::kTrigger); tr != nullptr) {
-    if (int16_t st = place_block(file, resolve_link(tree, tr, tr::kComment)); st != 0) return st;
-    if (int16_t st = set_links_from_nodes(file, tr); st != 0) return st;
-    if (int16_t st = append_block(file, tr); st != 0) return st;
-  }
-  if (int16_t st = set_links_from_nodes(file, g->dg); st != 0) return st;
-  if (int16_t st = append_block(file, g->dg); st != 0) return st;
-  if (int16_t st = set_link_from_node(file, file->header, hd::kFirstDg); st != 0) return st;
-  return write_block_in_place(file, file->header);
+  Placement placement(tree);
+  placement.set_end(static_cast<uint64_t>(io::tell(file->io_number)));
+  if (int16_t st = append_placed(file, placement, order); st != 0) return st;
+  return write_placed(file, placement, file->header, {hd::kFirstDg});
 }
 
 int16_t write_modified_group(mdf_group* g) {
   mdf_file* file = g->file;
+  Placement placement(file->tree);
+  placement.set_end(static_cast<uint64_t>(io::tell(file->io_number)));
   Node* comment = resolve_link(file->tree, g->cg, cg::kComment);
-  if (int16_t st = place_block(file, comment); st != 0) return st;
-  if (int16_t st = set_link_from_node(file, g->cg, cg::kComment); st != 0) return st;
-  return write_block_in_place(file, g->cg);
+  if (int16_t st = append_placed(file, placement, {comment}); st != 0) return st;
+  return write_placed(file, placement, g->cg, {cg::kComment});
 }
 
 int16_t close_group(mdf_group* g) {
@@ -502,18 +473,18 @@ int16_t delete_group(mdf_file* file, uint16_t n) {
   for (mdf_group* g = state().open_groups; g != nullptr; g = g->next) {
     if (g->cg == cg) return raise(MDF_GROUP_IS_OPEN, "");
   }
+  // Blocks are rewritten where they lie; every block they link to is on disk already.
+  const Placement on_disk(file->tree);
   Node* after_cg = resolve_link(file->tree, cg, cg::kNext);
   if (previous_cg != nullptr) {
     set_link(previous_cg, cg::kNext, 0, after_cg);
-    if (int16_t st = set_link_from_node(file, previous_cg, cg::kNext); st != 0) return st;
-    if (int16_t st = write_block_in_place(file, previous_cg); st != 0) return st;
+    if (int16_t st = write_placed(file, on_disk, previous_cg, {cg::kNext}); st != 0) return st;
   } else {
     set_link(dg, dg::kFirstCg, 0, after_cg);
   }
   const uint16_t count = load_le16(dg->image + dg::kCgCount);
   store_le16(dg->image + dg::kCgCount, static_cast<uint16_t>(count > 0 ? count - 1 : 0));
-  if (int16_t st = set_links_from_nodes(file, dg); st != 0) return st;
-  if (int16_t st = write_block_in_place(file, dg); st != 0) return st;
+  if (int16_t st = write_placed(file, on_disk, dg); st != 0) return st;
   if (file->group_count > 0) --file->group_count;
   if (resolve_link(file->tree, dg, dg::kFirstCg) != nullptr) return 0;
   // The data group is empty: take it out of the header's list. Its records stay where they
@@ -522,15 +493,13 @@ int16_t delete_group(mdf_file* file, uint16_t n) {
   Node* after_dg = resolve_link(file->tree, dg, dg::kNext);
   if (previous_dg != nullptr) {
     set_link(previous_dg, dg::kNext, 0, after_dg);
-    if (int16_t st = set_links_from_nodes(file, previous_dg); st != 0) return st;
-    if (int16_t st = write_block_in_place(file, previous_dg); st != 0) return st;
+    if (int16_t st = write_placed(file, on_disk, previous_dg); st != 0) return st;
   } else {
     set_link(hd, hd::kFirstDg, 0, after_dg);
   }
   const uint16_t groups = load_le16(hd->image + hd::kDgCount);
   store_le16(hd->image + hd::kDgCount, static_cast<uint16_t>(groups > 0 ? groups - 1 : 0));
-  if (int16_t st = set_link_from_node(file, hd, hd::kFirstDg); st != 0) return st;
-  return write_block_in_place(file, hd);
+  return write_placed(file, on_disk, hd, {hd::kFirstDg});
 }
 
 }  // namespace

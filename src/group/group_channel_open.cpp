@@ -13,21 +13,6 @@ using namespace layout;
 
 constexpr const char* kUnit = "MDFGRP4";
 
-// Walks the channel groups in the numbering of mdfGrpOpen: each DG of the header's list,
-// each CG of that DG. The visitor gets (cg, number) and returns false to stop.
-template <class Visit>
-void for_each_channel_group(mdf_file* file, Visit&& visit) {
-  uint32_t number = 0;
-  bool go_on = true;
-  for_each_data_group(file, [&](Node* dg) {
-    for (Node* cg = resolve_link(file->tree, dg, dg::kFirstCg); cg != nullptr && go_on;
-         cg = resolve_link(file->tree, cg, cg::kNext)) {
-      go_on = visit(cg, ++number);
-    }
-    return go_on;
-  });
-}
-
 // Where channel `n` of the whole file (1-based over all channel groups in order, time
 // channels included) lies: its group's number and its index within the group.
 struct ChannelPlace {
@@ -38,10 +23,10 @@ struct ChannelPlace {
 ChannelPlace place_of_channel(mdf_file* file, uint32_t n) {
   ChannelPlace place;
   uint32_t seen = 0;
-  for_each_channel_group(file, [&](Node* cg, uint32_t number) {
+  for_each_channel_group(file, [&](Node*, Node* cg, Node*, Node*, uint32_t number) {
     uint16_t index = 0;
-    for (Node* cn = resolve_link(file->tree, cg, cg::kFirstCn); cn != nullptr && index < 0xFFFF;
-         cn = resolve_link(file->tree, cn, cn::kNext)) {
+    for ([[maybe_unused]] Node* cn : chain(file->tree, cg, cg::kFirstCn)) {
+      if (index >= 0xFFFF) break;
       ++index;
       if (++seen == n) {
         place = ChannelPlace{number, index};
@@ -55,7 +40,7 @@ ChannelPlace place_of_channel(mdf_file* file, uint32_t n) {
 
 ChannelPlace place_of_name(mdf_file* file, const char* name) {
   ChannelPlace place;
-  for_each_channel_group(file, [&](Node* cg, uint32_t number) {
+  for_each_channel_group(file, [&](Node*, Node* cg, Node*, Node*, uint32_t number) {
     // Exact and case-insensitive matches are tried group by group: a match in an earlier
     // group wins over an exact match in a later one.
     const ChannelMatch match = find_channel_by_name(file, cg, name);

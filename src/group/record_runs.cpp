@@ -12,6 +12,7 @@
 #include "frame/bytes.h"
 #include "frame/frame.h"
 #include "group/group.h"
+#include "storage/block.h"
 #include "storage/io.h"
 #include "storage/layout.h"
 
@@ -71,8 +72,7 @@ void describe(mdf_group* g, RecordCache* layout_out) {
   if (c.ids == 0) return;
   const uint32_t trailing = c.ids == 2 ? 1u : 0u;
   // The first channel group of the data group with a matching identifier, the own one first.
-  for (Node* cg = resolve_link(g->file->tree, g->dg, dg::kFirstCg); cg != nullptr;
-       cg = resolve_link(g->file->tree, cg, cg::kNext)) {
+  for (Node* cg : chain(g->file->tree, g->dg, dg::kFirstCg)) {
     IdEntry& e = c.owners[load_le16(cg->image + cg::kRecordId) & 0xFF];
     if (e.kind == 0) e = IdEntry{2, load_le16(cg->image + cg::kRecordSize) + trailing};
   }

@@ -106,16 +106,14 @@ int16_t Sorter::finalize_identification() {
 }
 
 int16_t Sorter::first_pass() {
-  Node* dg = resolve_link(tree_->tree, tree_->header, hd::kFirstDg);
   bool unsorted = false;
-  for (; dg != nullptr; dg = resolve_link(tree_->tree, dg, dg::kNext)) {
+  for (Node* dg : chain(tree_->tree, tree_->header, hd::kFirstDg)) {
     DataGroupStats g;
     g.dg = dg;
     g.data = load_le32(dg->image + dg::kData);
     g.ids = load_le16(dg->image + dg::kRecordIds);
     g.first_slot = static_cast<uint32_t>(slots_.size());
-    for (Node* cg = resolve_link(tree_->tree, dg, dg::kFirstCg); cg != nullptr;
-         cg = resolve_link(tree_->tree, cg, cg::kNext)) {
+    for (Node* cg : chain(tree_->tree, dg, dg::kFirstCg)) {
       if (slots_.size() >= 65535) return raise(MDF_ERR_FORMAT, "");
       Slot s;
       s.cg = cg;
@@ -130,8 +128,7 @@ int16_t Sorter::first_pass() {
         g.min_size = std::min(g.min_size, s.record_size);
         g.max_size = std::max(g.max_size, s.record_size);
       }
-      for (Node* cn = resolve_link(tree_->tree, cg, cg::kFirstCn); cn != nullptr;
-           cn = resolve_link(tree_->tree, cn, cn::kNext)) {
+      for ([[maybe_unused]] Node* cn : chain(tree_->tree, cg, cg::kFirstCn)) {
         ++channel_total_;
       }
       slot_of_cg_[cg] = static_cast<uint32_t>(slots_.size());

@@ -18,38 +18,37 @@
 #include "storage/io.h"
 #include "storage/layout.h"
 #include "storage/node.h"
+#include "storage/placement.h"
 
 namespace korvel::sort {
 
 using namespace layout;
 
 int16_t Sorter::place(const Node* node) {
-  if (node == nullptr || placed_.count(node) != 0) return 0;
-  const uint32_t size = node->kind == kId ? id::kSize : node->block_size();
-  if (cursor_ + size > kMaxLink) return raise(MDF_ERR_FILE_TOO_LARGE, "");
-  placed_.emplace(node, static_cast<uint32_t>(cursor_));
-  plan_.push_back({node, 0, static_cast<uint32_t>(cursor_)});
-  cursor_ += size;
+  if (node == nullptr || placement_.placed(node)) return 0;
+  if (placement_.end() + written_size(node) > kMaxLink) return raise(MDF_ERR_FILE_TOO_LARGE, "");
+  plan_.push_back({node, 0, static_cast<uint32_t>(placement_.end())});
+  placement_.append(node);
   return 0;
 }
 
+// A channel and the blocks it links to (the next channel aside: the chain places it), with
+// the texts of a verbal range table right behind their conversion.
 int16_t Sorter::place_channel(Node* cn) {
   NodeTree& tree = tree_->tree;
   if (int16_t st = place(cn); st != 0) return st;
-  Node* cc = resolve_link(tree, cn, cn::kConversion);
-  if (int16_t st = place(cc); st != 0) return st;
-  if (cc != nullptr && load_le16(cc->image + cc::kType) == 12) {
-    // The texts of a verbal range table's entries.
-    for (uint16_t i = 0; i < cc->link_count; ++i) {
-      if (int16_t st = place(resolve_link(tree, cc, cc->links()[i].field)); st != 0) return st;
-    }
-  }
+  const KindSpec& spec = *kind_spec(kCN);
   const uint16_t size = cn->block_size();
-  for (uint32_t field :
-       {cn::kExtension, cn::kDependency, cn::kComment, cn::kLongName, cn::kDisplayName}) {
-    if (field == cn::kLongName && size < cn::kSizeLongName) continue;
-    if (field == cn::kDisplayName && size < cn::kSize) continue;
-    if (int16_t st = place(resolve_link(tree, cn, field)); st != 0) return st;
+  for (uint8_t i = 0; i < spec.link_count; ++i) {
+    const LinkSpec& link = spec.links[i];
+    if (link.field == spec.next || size < link.from_size) continue;
+    Node* target = resolve_link(tree, cn, link.field);
+    if (int16_t st = place(target); st != 0) return st;
+    if (target == nullptr || target->kind != kCC) continue;
+    for (uint16_t k = 0; k < target->link_count; ++k) {
+      if (int16_t st = place(resolve_link(tree, target, target->links()[k].field)); st != 0)
+        return st;
+    }
   }
   return 0;
 }
@@ -63,19 +62,21 @@ int16_t Sorter::plan_structure() {
   if (st == 0) st = place(resolve_link(tree, hd, hd::kProgram));
   for (uint32_t i = 0; st == 0 && i < slots_.size(); ++i) {
     Slot& s = slots_[i];
-    if (cursor_ + kNewDgSize > kMaxLink) return raise(MDF_ERR_FILE_TOO_LARGE, "");
-    s.target_dg = static_cast<uint32_t>(cursor_);
+    if (placement_.end() + kNewDgSize > kMaxLink) return raise(MDF_ERR_FILE_TOO_LARGE, "");
+    s.target_dg = static_cast<uint32_t>(placement_.end());
     plan_.push_back({nullptr, i, s.target_dg});
-    cursor_ += kNewDgSize;
+    placement_.set_end(placement_.end() + kNewDgSize);
     Node* tr = resolve_link(tree, groups_[s.dg_index].dg, dg::kTrigger);
     st = place(tr);
     if (st == 0 && tr != nullptr) st = place(resolve_link(tree, tr, tr::kComment));
     if (st == 0) st = place(s.cg);
     if (st != 0) break;
-    s.target_cg = placed_.at(s.cg);
+    uint64_t cg_position = 0;
+    placement_.position_of(s.cg, &cg_position);
+    s.target_cg = static_cast<uint32_t>(cg_position);
     st = place(resolve_link(tree, s.cg, cg::kComment));
-    for (Node* cn = resolve_link(tree, s.cg, cg::kFirstCn); st == 0 && cn != nullptr;
-         cn = resolve_link(tree, cn, cn::kNext)) {
+    for (Node* cn : chain(tree, s.cg, cg::kFirstCn)) {
+      if (st != 0) break;
       st = place_channel(cn);
       // The time channel: the first of type 1 whose bytes lie within the record.
       if (st == 0 && (recount_ || check_time_) && s.time_cn == nullptr &&
@@ -88,21 +89,8 @@ int16_t Sorter::plan_structure() {
     }
   }
   if (st == 0 && sticky_error() < 0) st = sticky_error();
-  data_start_ = cursor_;
+  data_start_ = placement_.end();
   return st;
-}
-
-// The target position of the block a link of `owner` points to (0 for none).
-int16_t Sorter::link_position(const Node* owner, uint32_t field, uint32_t* out) {
-  *out = 0;
-  const uint32_t value = load_le32(owner->image + field);
-  if (value == 0) return 0;
-  const Node* target = tree_->tree.find_by_position(value);
-  if (target == nullptr) return internal_error(kUnit, __LINE__);
-  auto it = placed_.find(target);
-  if (it == placed_.end()) return internal_error(kUnit, __LINE__);
-  *out = it->second;
-  return 0;
 }
 
 int16_t Sorter::emit(const uint8_t* bytes, uint32_t size) {
@@ -126,7 +114,11 @@ int16_t Sorter::write_block(const Planned& p) {
     store_le32(b + dg::kNext, p.slot + 1 < slots_.size() ? slots_[p.slot + 1].target_dg : 0);
     store_le32(b + dg::kFirstCg, s.target_cg);
     uint32_t tr = 0;
-    if (int16_t st = link_position(groups_[s.dg_index].dg, dg::kTrigger, &tr); st != 0) return st;
+    if (int16_t st =
+            placed_link(tree_->tree, groups_[s.dg_index].dg, dg::kTrigger, placement_, &tr);
+        st != 0) {
+      return st;
+    }
     store_le32(b + dg::kTrigger, tr);
     if (s.position > kMaxLink) return raise(MDF_ERR_FILE_TOO_LARGE, "");
     store_le32(b + dg::kData, s.dropped ? 0 : static_cast<uint32_t>(s.position));
@@ -134,24 +126,24 @@ int16_t Sorter::write_block(const Planned& p) {
     return emit(b, kNewDgSize);
   }
   const Node* n = p.source;
-  const uint32_t size = n->kind == kId ? id::kSize : n->block_size();
-  std::vector<uint8_t> b(n->image, n->image + size);
-  auto* owner = const_cast<Node*>(n);
-  const LinkRecord* links = owner->links();
-  for (uint16_t i = 0; i < n->link_count; ++i) {
-    const uint32_t field = links[i].field;
-    uint32_t value = 0;
-    if (n->kind == kHD && field == hd::kFirstDg) {
-      value = slots_.front().target_dg;
-    } else if (n->kind == kCG && (field == cg::kNext || field == cg::kFirstSr)) {
-      value = 0;  // one channel group per data group; reduced data stays behind
-    } else if (n->kind == kCD) {
-      continue;
-    } else if (int16_t st = link_position(n, field, &value); st != 0) {
-      return st;
+  const uint32_t size = written_size(n);
+  std::vector<uint8_t> b(size);
+  // The target holds one data group per channel group, made anew: the header leads to the
+  // first of them, a channel group to no further one and, as reduced data stays behind, to
+  // no sample reduction block. Dependencies are set entry by entry below.
+  const LinkRule rule = [&](const Node* owner, uint32_t field, uint32_t* value) {
+    if (owner->kind == kHD && field == hd::kFirstDg) {
+      *value = slots_.front().target_dg;
+    } else if (owner->kind == kCG && (field == cg::kNext || field == cg::kFirstSr)) {
+      *value = 0;
+    } else if (owner->kind == kCD) {
+      *value = load_le32(owner->image + field);
+    } else {
+      return false;
     }
-    store_le32(b.data() + field, value);
-  }
+    return true;
+  };
+  if (int16_t st = emit_block(tree_->tree, n, placement_, b.data(), &rule); st != 0) return st;
   if (n->kind == kHD) store_le16(b.data() + hd::kDgCount, static_cast<uint16_t>(slots_.size()));
   if (n->kind == kCD) {
     // Each entry names a channel by data group, channel group and channel; the data group
@@ -167,9 +159,11 @@ int16_t Sorter::write_block(const Planned& p) {
       uint32_t cn_position = 0;
       if (const uint32_t cn_link = load_le32(n->image + at + 8); cn_link != 0) {
         const Node* cn = tree_->tree.find_by_position(cn_link);
-        auto it = cn != nullptr ? placed_.find(cn) : placed_.end();
-        if (it == placed_.end() || cn->kind != kCN) return raise(MDF_ERR_FORMAT, "");
-        cn_position = it->second;
+        uint64_t at_target = 0;
+        if (cn == nullptr || !placement_.position_of(cn, &at_target) || cn->kind != kCN) {
+          return raise(MDF_ERR_FORMAT, "");
+        }
+        cn_position = static_cast<uint32_t>(at_target);
       }
       store_le32(b.data() + at, s.target_dg);
       store_le32(b.data() + at + 4, s.target_cg);

@@ -17,6 +17,7 @@
 #include "storage/io.h"
 #include "storage/layout.h"
 #include "storage/node.h"
+#include "storage/placement.h"
 
 namespace korvel::sort {
 
@@ -144,7 +145,6 @@ class Sorter {
   int16_t plan_structure();
   int16_t place(const Node* node);
   int16_t place_channel(Node* cn);
-  int16_t link_position(const Node* owner, uint32_t field, uint32_t* out);
   int16_t write_structure();
   int16_t write_block(const Planned& p);
   int16_t emit(const uint8_t* bytes, uint32_t size);
@@ -183,9 +183,8 @@ class Sorter {
   uint64_t bytes_to_sort_ = 0;
   uint32_t channel_total_ = 0;
 
-  std::unordered_map<const Node*, uint32_t> placed_;
+  Placement placement_;  // where the target's blocks go
   std::vector<Planned> plan_;
-  uint64_t cursor_ = 0;
   std::vector<uint8_t> out_;
 
   uint64_t data_start_ = 0;

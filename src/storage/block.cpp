@@ -22,78 +22,18 @@ namespace {
 // The smallest block of each kind whose fixed fields the library reads; a shorter block
 // cannot be used and ends the open.
 uint32_t minimum_size(uint16_t kind) {
-  switch (kind) {
-    case kHD:
-      return hd::kSizeOld;
-    case kDG:
-      return 24;
-    case kCG:
-      return cg::kSize;
-    case kCN:
-      return cn::kSizeOld;
-    case kCC:
-      return cc::kSize;
-    case kCE:
-      return ce::kRecord;
-    case kCD:
-      return 8;
-    case kTR:
-      return tr::kEvents;
-    case kSR:
-      return sr::kSize;
-    default:
-      return 4;
-  }
+  const KindSpec* spec = kind_spec(kind);
+  return spec != nullptr ? spec->minimum_size : 4u;
 }
 
+// The identifiers a block read from a file may carry.
 bool accepted_kind(uint16_t kind) {
-  switch (kind) {
-    case kCN:
-    case kPR:
-    case kSR:
-    case kTR:
-    case kTX:
-    case kCC:
-    case kCD:
-    case kHD:
-    case kCE:
-    case kCG:
-    case kDG:
-      return true;
-    default:
-      return false;
-  }
+  return kind != kId && kind_spec(kind) != nullptr;
 }
 
 uint32_t default_size(uint16_t kind) {
-  switch (kind) {
-    case kId:
-      return id::kSize;
-    case kHD:
-      return hd::kSize;
-    case kCC:
-      return cc::kSize;
-    case kCD:
-      return cd::kSize;
-    case kCE:
-      return ce::kSize;
-    case kCG:
-      return cg::kSize;
-    case kDG:
-      return dg::kSize;
-    case kCN:
-      return cn::kSize;
-    case kPR:
-      return pr::kSize;
-    case kSR:
-      return sr::kSize;
-    case kTR:
-      return tr::kSize;
-    case kTX:
-      return 4;
-    default:
-      return 0;
-  }
+  const KindSpec* spec = kind_spec(kind);
+  return spec != nullptr ? spec->default_size : 0u;
 }
 
 void fill_header_defaults(uint8_t* b) {
@@ -159,10 +99,29 @@ class FileReader {
   }
   // Reads the next member of a chain; a member seen before closes a loop.
   int16_t read_chain_member(uint32_t link, uint16_t kind, Node** out);
+  // Reads the chain of `kind` that starts at `owner`'s link at `field`, handing each member
+  // to `visit` (a status) before the next is read; a member seen before closes a loop.
+  template <class Visit>
+  int16_t read_chain(Node* owner, uint32_t field, uint16_t kind, Visit&& visit) {
+    const uint32_t next = kind_spec(kind)->next;
+    Node* member = nullptr;
+    for (uint32_t link = load_le32(owner->image + field); link != 0;
+         link = load_le32(member->image + next)) {
+      if (int16_t st = read_chain_member(link, kind, &member); st != 0) return st;
+      if (int16_t st = visit(member); st != 0) return st;
+    }
+    return 0;
+  }
   int16_t read_data_group(Node* dg);
   int16_t read_channel_group(Node* cg);
   int16_t read_channel(Node* cn);
   int16_t read_conversion(Node* cc);
+  // Converts the fixed REAL fields of the block's kind.
+  void convert_reals(Node* node) {
+    const KindSpec* spec = kind_spec(node->kind);
+    for (uint8_t i = 0; i < spec->real_count; ++i)
+      convert_real(node->image, spec->reals[i], float_format_);
+  }
   void convert_trigger(Node* tr);
   void convert_extension(Node* ce);
 
@@ -205,13 +164,7 @@ int16_t FileReader::run() {
   Node* unused = nullptr;
   if (int16_t st = read_link(hd, hd::kProgram, kPR, &unused); st != 0) return st;
   if (int16_t st = read_link(hd, hd::kComment, kTX, &unused); st != 0) return st;
-  Node* dg = nullptr;
-  for (uint32_t link = load_le32(hd->image + hd::kFirstDg); link != 0;
-       link = load_le32(dg->image + dg::kNext)) {
-    if (int16_t st = read_chain_member(link, kDG, &dg); st != 0) return st;
-    if (int16_t st = read_data_group(dg); st != 0) return st;
-  }
-  return 0;
+  return read_chain(hd, hd::kFirstDg, kDG, [&](Node* dg) { return read_data_group(dg); });
 }
 
 int16_t FileReader::read_data_group(Node* dg) {
@@ -225,32 +178,17 @@ int16_t FileReader::read_data_group(Node* dg) {
     if (int16_t st = read_link(tr, tr::kComment, kTX, &comment); st != 0) return st;
     convert_trigger(tr);
   }
-  Node* cg = nullptr;
-  for (uint32_t link = load_le32(dg->image + dg::kFirstCg); link != 0;
-       link = load_le32(cg->image + cg::kNext)) {
-    if (int16_t st = read_chain_member(link, kCG, &cg); st != 0) return st;
-    if (int16_t st = read_channel_group(cg); st != 0) return st;
-  }
-  return 0;
+  return read_chain(dg, dg::kFirstCg, kCG, [&](Node* cg) { return read_channel_group(cg); });
 }
 
 int16_t FileReader::read_channel_group(Node* cg) {
   Node* node = nullptr;
   if (int16_t st = read_link(cg, cg::kComment, kTX, &node); st != 0) return st;
   if (cg->block_size() >= cg::kSizeWithSr) {
-    Node* sr = nullptr;
-    for (uint32_t link = load_le32(cg->image + cg::kFirstSr); link != 0;
-         link = load_le32(sr->image + sr::kNext)) {
-      if (int16_t st = read_chain_member(link, kSR, &sr); st != 0) return st;
-    }
+    const int16_t st = read_chain(cg, cg::kFirstSr, kSR, [](Node*) { return int16_t{0}; });
+    if (st != 0) return st;
   }
-  Node* cn = nullptr;
-  for (uint32_t link = load_le32(cg->image + cg::kFirstCn); link != 0;
-       link = load_le32(cn->image + cn::kNext)) {
-    if (int16_t st = read_chain_member(link, kCN, &cn); st != 0) return st;
-    if (int16_t st = read_channel(cn); st != 0) return st;
-  }
-  return 0;
+  return read_chain(cg, cg::kFirstCn, kCN, [&](Node* cn) { return read_channel(cn); });
 }
 
 int16_t FileReader::read_channel(Node* cn) {
@@ -260,26 +198,24 @@ int16_t FileReader::read_channel(Node* cn) {
   const uint16_t bits = load_le16(b + cn::kBitCount);
   if (type == 2 && bits == 64) store_le16(b + cn::kDataType, 3);
   if (type == 3 && bits == 32) store_le16(b + cn::kDataType, 2);
-  for (uint32_t offset : {cn::kMinimum, cn::kMaximum, cn::kSampleRate}) {
-    convert_real(b, offset, float_format_);
-  }
-  // Blocks shared by several channels are read, and their REALs converted, only once.
-  Node* node = nullptr;
-  bool fresh = false;
-  if (int16_t st = read_link(cn, cn::kConversion, kCC, &node, &fresh); st != 0) return st;
-  if (fresh) {
-    if (int16_t st = read_conversion(node); st != 0) return st;
-  }
-  if (int16_t st = read_link(cn, cn::kExtension, kCE, &node, &fresh); st != 0) return st;
-  if (fresh) convert_extension(node);
-  if (int16_t st = read_link(cn, cn::kDependency, kCD, &node); st != 0) return st;
-  if (int16_t st = read_link(cn, cn::kComment, kTX, &node); st != 0) return st;
+  convert_reals(cn);
+  // The blocks a channel links to, in the order of its link fields (the next channel aside:
+  // the chain reads it). Blocks shared by several channels are read, and their REALs
+  // converted, only once.
+  const KindSpec& spec = *kind_spec(kCN);
   const uint16_t size = cn->block_size();
-  if (size >= cn::kSizeLongName) {
-    if (int16_t st = read_link(cn, cn::kLongName, kTX, &node); st != 0) return st;
-  }
-  if (size >= cn::kSize) {
-    if (int16_t st = read_link(cn, cn::kDisplayName, kTX, &node); st != 0) return st;
+  for (uint8_t i = 0; i < spec.link_count; ++i) {
+    const LinkSpec& link = spec.links[i];
+    if (link.field == spec.next || size < link.from_size) continue;
+    Node* node = nullptr;
+    bool fresh = false;
+    if (int16_t st = read_link(cn, link.field, link.target, &node, &fresh); st != 0) return st;
+    if (!fresh) continue;
+    if (node->kind == kCC) {
+      if (int16_t st = read_conversion(node); st != 0) return st;
+    } else if (node->kind == kCE) {
+      convert_extension(node);
+    }
   }
   return 0;
 }
@@ -290,8 +226,7 @@ int16_t FileReader::read_conversion(Node* cc) {
   const uint16_t type = load_le16(b + cc::kType);
   const uint32_t count = load_le16(b + cc::kCount);
   if (float_format_ != 0) {
-    convert_real(b, cc::kMinimum, float_format_);
-    convert_real(b, cc::kMaximum, float_format_);
+    convert_reals(cc);
     auto each_real = [&](uint32_t stride, std::initializer_list<uint32_t> offsets) {
       for (uint32_t i = 0; i < count; ++i) {
         for (uint32_t within : offsets) {
@@ -359,8 +294,8 @@ void FileReader::convert_trigger(Node* tr) {
 }  // namespace
 
 uint32_t image_extra(uint16_t kind) {
-  if (kind == kCE) return ce::kExtra;
-  return kind == kTX ? 1u : kind == kCC ? cc::kExtra : 0u;
+  const KindSpec* spec = kind_spec(kind);
+  return spec != nullptr ? spec->extra : 0u;
 }
 
 uint16_t link_fields(uint16_t kind, const uint8_t* image, uint32_t size, uint32_t* out,
@@ -369,57 +304,23 @@ uint16_t link_fields(uint16_t kind, const uint8_t* image, uint32_t size, uint32_
   auto add = [&](uint32_t field) {
     if (field + 4 <= size && n < capacity) out[n++] = field;
   };
-  switch (kind) {
-    case kHD:
-      add(hd::kFirstDg);
-      add(hd::kComment);
-      add(hd::kProgram);
-      break;
-    case kDG:
-      add(dg::kNext);
-      add(dg::kFirstCg);
-      add(dg::kTrigger);
-      break;
-    case kCG:
-      add(cg::kNext);
-      add(cg::kFirstCn);
-      add(cg::kComment);
-      if (size >= cg::kSizeWithSr) add(cg::kFirstSr);
-      break;
-    case kCN:
-      add(cn::kNext);
-      add(cn::kConversion);
-      add(cn::kExtension);
-      add(cn::kDependency);
-      add(cn::kComment);
-      if (size >= cn::kSizeLongName) add(cn::kLongName);
-      if (size >= cn::kSize) add(cn::kDisplayName);
-      break;
-    case kTR:
-      add(tr::kComment);
-      break;
-    case kSR:
-      add(sr::kNext);
-      break;
-    case kCC:
-      if (image != nullptr && load_le16(image + cc::kType) == 12) {
-        const uint32_t count = load_le16(image + cc::kCount);
-        for (uint32_t i = 0; i < count; ++i)
-          add(cc::kParams + cc::kVtabrEntry * i + cc::kVtabrLink);
-      }
-      break;
-    case kCD:
-      if (image != nullptr) {
-        const uint32_t count = load_le16(image + cd::kCount);
-        for (uint32_t i = 0; i < count; ++i) {
-          for (uint32_t k = 0; k < 3; ++k) add(cd::kEntries + cd::kEntry * i + 4 * k);
-        }
-      } else {
-        for (uint32_t k = 0; k < 3; ++k) add(cd::kEntries + 4 * k);
-      }
-      break;
-    default:
-      break;
+  const KindSpec* spec = kind_spec(kind);
+  if (spec == nullptr) return 0;
+  for (uint8_t i = 0; i < spec->link_count; ++i) {
+    if (size >= spec->links[i].from_size) add(spec->links[i].field);
+  }
+  if (!spec->content_links) return n;
+  if (kind == kCC) {
+    if (image != nullptr && load_le16(image + cc::kType) == 12) {
+      const uint32_t count = load_le16(image + cc::kCount);
+      for (uint32_t i = 0; i < count; ++i) add(cc::kParams + cc::kVtabrEntry * i + cc::kVtabrLink);
+    }
+  } else if (kind == kCD) {
+    // A new block holds one dependency.
+    const uint32_t count = image != nullptr ? load_le16(image + cd::kCount) : 1u;
+    for (uint32_t i = 0; i < count; ++i) {
+      for (uint32_t k = 0; k < 3; ++k) add(cd::kEntries + cd::kEntry * i + 4 * k);
+    }
   }
   return n;
 }
@@ -475,7 +376,7 @@ int16_t new_text_block(mdf_file* file, Node** out, uint32_t length, const char* 
   return 0;
 }
 
-int16_t copy_block(mdf_file* file, Node** out, const Node* source) {
+int16_t copy_block(mdf_file* file, Node** out, const NodeTree& source_tree, const Node* source) {
   *out = nullptr;
   std::array<uint32_t, 1> none{};
   const uint16_t count = source->link_count;
@@ -488,8 +389,18 @@ int16_t copy_block(mdf_file* file, Node** out, const Node* source) {
   std::memcpy(node->image, source->image, source->image_size);
   LinkRecord* links = node->links();
   for (uint16_t i = 0; i < count; ++i) {
-    links[i].position = src_links[i].position;
-    links[i].target = src_links[i].target;
+    // The copy's links name their targets, never a bare position: a position is looked up
+    // in the tree of the block that holds the link, which is not the source's tree.
+    Node* target = src_links[i].target;
+    if (target == nullptr && src_links[i].position != 0) {
+      target = source_tree.find_by_position(src_links[i].position);
+      if (target == nullptr) {
+        file->tree.remove(node);
+        return raise(MDF_ERR_UNKNOWN_BLOCK, "");
+      }
+    }
+    links[i].position = 0;
+    links[i].target = target;
   }
   *out = node;
   return 0;
@@ -558,52 +469,6 @@ int16_t read_file(mdf_file* file, const ReadOptions& options) {
     file->header = nullptr;
   }
   return st;
-}
-
-int16_t write_block_in_place(mdf_file* file, Node* node) {
-  if (node->kind != kId && node->block_size() < 4) return internal_error("MDF3", 520);
-  const uint16_t number = file->io_number;
-  const int64_t current = io::tell(number);
-  const uint32_t target = disk_position(node);
-  // Only the identification block lives at 0; any other block without a place on disk
-  // must be appended, never written over the file's start.
-  if (target == 0 && node->kind != kId) return internal_error("MDF3", 558);
-  if (int16_t st = io::seek(number, target, 0); st != 0) return st;
-  node->written_position = target;
-  const uint32_t size = node->kind == kId ? id::kSize : node->block_size();
-  if (int16_t st = io::write(node->image, size, number); st != 0) return st;
-  return io::seek(number, current, 0);
-}
-
-int16_t append_block(mdf_file* file, Node* node) {
-  if (node->kind != kId && node->block_size() < 4) return internal_error("MDF3", 533);
-  const uint16_t number = file->io_number;
-  const int64_t position = io::tell(number);
-  if (position > 0xFFFFFFFFLL) return raise(MDF_ERR_FILE_TOO_LARGE, "");
-  node->written_position = static_cast<uint32_t>(position);
-  const uint32_t size = node->kind == kId ? id::kSize : node->block_size();
-  return io::write(node->image, size, number);
-}
-
-int16_t set_link_from_node(mdf_file* file, Node* owner, uint32_t field) {
-  LinkRecord* link = NodeTree::find_link(owner, field);
-  if (link == nullptr) return raise(MDF_ERR_UNKNOWN_LINK, "");
-  Node* target = link->target;
-  if (target == nullptr && link->position != 0) {
-    target = file->tree.find_by_position(link->position);
-    if (target == nullptr) return raise(MDF_ERR_UNKNOWN_BLOCK, "");
-    link->target = target;
-  }
-  store_le32(owner->image + field, target != nullptr ? disk_position(target) : 0);
-  return 0;
-}
-
-int16_t set_links_from_nodes(mdf_file* file, Node* owner) {
-  LinkRecord* links = owner->links();
-  for (uint16_t i = 0; i < owner->link_count; ++i) {
-    if (int16_t st = set_link_from_node(file, owner, links[i].field); st != 0) return st;
-  }
-  return 0;
 }
 
 const char* text_of(const Node* tx) {

@@ -1,6 +1,7 @@
 // Reading, making and writing the blocks of an MDF 3.x file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "storage/layout.h"
@@ -26,9 +27,10 @@ int16_t new_sized_block(mdf_file* file, uint16_t kind, uint32_t size, Node** out
 int16_t new_conversion_block(mdf_file* file, Node** out, uint16_t type, uint16_t entries);
 int16_t new_trigger_block(mdf_file* file, Node** out, uint16_t events);
 int16_t new_text_block(mdf_file* file, Node** out, uint32_t length, const char* text);
-// A copy of `source` (with the in-memory extra) as a new unwritten node with its links;
-// the links keep the source's positions and targets unless changed.
-int16_t copy_block(mdf_file* file, Node** out, const Node* source);
+// A copy of `source` (a block of `source_tree`, with the in-memory extra) as a new unwritten
+// node whose links point to the source's targets until changed; those lie in the source's
+// tree, so they have no place in the file unless placed (Placement).
+int16_t copy_block(mdf_file* file, Node** out, const NodeTree& source_tree, const Node* source);
 
 // Reads the block at `link` (none for 0); a block read before is handed out again. A head
 // or body past the end of the file is a short read (-2001 raised); a head that cannot be a
@@ -46,18 +48,43 @@ struct ReadOptions {
 // header nodes. On failure both stay null and the status is returned.
 int16_t read_file(mdf_file* file, const ReadOptions& options);
 
-// Writes the block at its written (else read) position and returns to the current
-// position; appends it at the end of the file. Both note the written position.
-int16_t write_block_in_place(mdf_file* file, Node* node);
-int16_t append_block(mdf_file* file, Node* node);
-// Stores into the link field the position of the block it points to (0 for none).
-int16_t set_link_from_node(mdf_file* file, Node* owner, uint32_t field);
-// set_link_from_node for every link field of the block.
-int16_t set_links_from_nodes(mdf_file* file, Node* owner);
+// The members of a chain of DG, CG, CN or SR blocks: the block that `owner`'s link at `field`
+// leads to, then each member's next along the link that the kinds table names for its kind.
+// It ends at a link of 0, at a link that cannot be followed (raised by resolve_link), and
+// after as many members as the tree has nodes, so a loop of links cannot hold it.
+class Chain {
+ public:
+  class iterator {
+   public:
+    using value_type = Node*;
+    using difference_type = std::ptrdiff_t;
+    iterator() = default;
+    iterator(const NodeTree* tree, Node* node) : tree_(tree), node_(node) {}
+    Node* operator*() const { return node_; }
+    iterator& operator++() {
+      const layout::KindSpec* spec = layout::kind_spec(node_->kind);
+      node_ = spec != nullptr && spec->next != 0 && ++steps_ < tree_->size()
+                  ? resolve_link(*tree_, node_, spec->next)
+                  : nullptr;
+      return *this;
+    }
+    bool operator==(const iterator& other) const { return node_ == other.node_; }
 
-// The position a block has on disk: written, else read position.
-inline uint32_t disk_position(const Node* node) {
-  return node->written_position != 0 ? node->written_position : node->read_position;
+   private:
+    const NodeTree* tree_ = nullptr;
+    Node* node_ = nullptr;
+    std::size_t steps_ = 0;
+  };
+  Chain(const NodeTree& tree, Node* first) : tree_(&tree), first_(first) {}
+  iterator begin() const { return iterator(tree_, first_); }
+  iterator end() const { return iterator(); }
+
+ private:
+  const NodeTree* tree_;
+  Node* first_;
+};
+inline Chain chain(const NodeTree& tree, Node* owner, uint32_t field) {
+  return Chain(tree, resolve_link(tree, owner, field));
 }
 
 // Text of a TX node (always terminated in memory), "" for none.

@@ -24,14 +24,33 @@ int16_t map_file(mdf_file* file);
 // modifying: they lie inside the file as it was opened and touch no block read at open.
 bool record_bytes_free(const mdf_file* file, uint64_t start, uint64_t length);
 
-// Walks the data groups of the file from the header, in chain order.
+// Walks the data groups of the file from the header, in chain order; the visitor returns
+// false to stop.
 template <class Visit>
 void for_each_data_group(mdf_file* file, Visit&& visit) {
-  Node* dg = resolve_link(file->tree, file->header, layout::hd::kFirstDg);
-  while (dg != nullptr) {
+  for (Node* dg : chain(file->tree, file->header, layout::hd::kFirstDg)) {
     if (!visit(dg)) return;
-    dg = resolve_link(file->tree, dg, layout::dg::kNext);
   }
+}
+
+// Walks the channel groups in the numbering of group handles: each data group of the
+// header's list, each channel group of that data group. The visitor gets (dg, cg, previous
+// cg in the same dg, previous dg, number) and returns false to stop.
+template <class Visit>
+void for_each_channel_group(mdf_file* file, Visit&& visit) {
+  uint32_t number = 0;
+  Node* previous_dg = nullptr;
+  bool go_on = true;
+  for_each_data_group(file, [&](Node* dg) {
+    Node* previous_cg = nullptr;
+    for (Node* cg : chain(file->tree, dg, layout::dg::kFirstCg)) {
+      if (!go_on) break;
+      go_on = visit(dg, cg, previous_cg, previous_dg, ++number);
+      previous_cg = cg;
+    }
+    previous_dg = dg;
+    return go_on;
+  });
 }
 
 }  // namespace korvel

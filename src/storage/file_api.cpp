@@ -7,6 +7,7 @@
 #include "frame/frame.h"
 #include "storage/file.h"
 #include "storage/io.h"
+#include "storage/placement.h"
 
 namespace korvel {
 namespace {
@@ -47,10 +48,10 @@ int16_t open_file(mdf_file** out, const char* name, uint16_t mode) {
     if (mode == 2) {
       Node* id = nullptr;
       Node* hd = nullptr;
+      Placement placement(file->tree);
       st = new_block(file, kId, &id);
-      if (st == 0) st = append_block(file, id);
       if (st == 0) st = new_block(file, kHD, &hd);
-      if (st == 0) st = append_block(file, hd);
+      if (st == 0) st = append_placed(file, placement, {id, hd});
       if (st == 0) {
         file->id_block = id;
         file->header = hd;
@@ -84,9 +85,11 @@ int16_t close_file(mdf_file* file) {
     } else {
       // The comment is appended anew at every close; the header is rewritten in place.
       Node* comment = resolve_link(file->tree, file->header, hd::kComment);
-      if (comment != nullptr) status = append_block(file, comment);
-      if (status == 0) status = set_link_from_node(file, file->header, hd::kComment);
-      if (status == 0) status = write_block_in_place(file, file->header);
+      Placement placement(file->tree);
+      placement.set_end(static_cast<uint64_t>(io::tell(number)));
+      if (comment != nullptr) placement.assign(comment, placement.end());
+      if (comment != nullptr) status = write_placed(file, placement, comment);
+      if (status == 0) status = write_placed(file, placement, file->header, {hd::kComment});
       // The close's result says whether everything written reached the file.
       if (status == 0) status = io::commit(number);
     }

@@ -27,8 +27,8 @@ int16_t overlap_at(uint64_t position) {
 uint64_t data_bytes(mdf_file* file, Node* dg, uint64_t limit) {
   const uint64_t ids = load_le16(dg->image + dg::kRecordIds);
   uint64_t total = 0;
-  for (Node* cg = resolve_link(file->tree, dg, dg::kFirstCg); cg != nullptr && total < limit;
-       cg = resolve_link(file->tree, cg, cg::kNext)) {
+  for (Node* cg : chain(file->tree, dg, dg::kFirstCg)) {
+    if (total >= limit) break;
     const uint64_t stride = load_le16(cg->image + cg::kRecordSize) + ids;
     total += stride * load_le32(cg->image + cg::kRecordCount);
   }

@@ -197,4 +197,77 @@ constexpr uint32_t kCount = 12;     // u32
 constexpr uint32_t kInterval = 16;  // REAL
 }  // namespace sr
 
+// ---- One table of block kinds ------------------------------------------------------------
+// What the library knows of each kind beyond the field offsets above: the sizes, the link
+// fields (with the block size each needs to be present and the kind it leads to), the chain
+// link, and the REALs that a VAX float file has converted at read. Reading, defaults,
+// copying, writing, the sort's copy and the dump take these from here.
+
+// A link field of a block kind: present when the block is at least `from_size` bytes.
+struct LinkSpec {
+  uint16_t field;
+  uint16_t from_size;
+  uint16_t target;  // kind of the block it leads to
+};
+
+struct KindSpec {
+  uint16_t kind;
+  uint16_t minimum_size;  // smallest block whose fixed fields the library reads
+  uint16_t default_size;  // size of a new block
+  uint16_t extra;         // bytes an image holds beyond its block
+  uint16_t next;          // the link to the next member of a chain of this kind, 0 for none
+  uint8_t link_count;
+  LinkSpec links[7];  // the fixed link fields, in ascending order
+  uint8_t real_count;
+  uint16_t reals[3];  // fixed REAL fields converted from VAX formats at read
+  // Further links whose number the contents decide: the text of each entry of a verbal range
+  // table (CC), the data group, channel group and channel of each dependency (CD).
+  bool content_links;
+};
+
+// clang-format off
+inline constexpr KindSpec kKinds[] = {
+  // kind  minimum       default     extra       next
+  {kId, id::kSize,     id::kSize,  0,          0,
+   0, {}, 0, {}, false},
+  {kHD, hd::kSizeOld,  hd::kSize,  0,          0,
+   3, {{hd::kFirstDg, 8, kDG}, {hd::kComment, 12, kTX}, {hd::kProgram, 16, kPR}},
+   0, {}, false},
+  {kTX, 4,             4,          1,          0,
+   0, {}, 0, {}, false},
+  {kPR, 4,             pr::kSize,  0,          0,
+   0, {}, 0, {}, false},
+  {kDG, 24,            dg::kSize,  0,          dg::kNext,
+   3, {{dg::kNext, 8, kDG}, {dg::kFirstCg, 12, kCG}, {dg::kTrigger, 16, kTR}},
+   0, {}, false},
+  {kCG, cg::kSize,     cg::kSize,  0,          cg::kNext,
+   4, {{cg::kNext, 8, kCG}, {cg::kFirstCn, 12, kCN}, {cg::kComment, 16, kTX},
+       {cg::kFirstSr, cg::kSizeWithSr, kSR}},
+   0, {}, false},
+  {kCN, cn::kSizeOld,  cn::kSize,  0,          cn::kNext,
+   7, {{cn::kNext, 8, kCN}, {cn::kConversion, 12, kCC}, {cn::kExtension, 16, kCE},
+       {cn::kDependency, 20, kCD}, {cn::kComment, 24, kTX},
+       {cn::kLongName, cn::kSizeLongName, kTX}, {cn::kDisplayName, cn::kSize, kTX}},
+   3, {cn::kMinimum, cn::kMaximum, cn::kSampleRate}, false},
+  {kCC, cc::kSize,     cc::kSize,  cc::kExtra, 0,
+   0, {}, 2, {cc::kMinimum, cc::kMaximum}, true},
+  {kCE, ce::kRecord,   ce::kSize,  ce::kExtra, 0,
+   0, {}, 0, {}, false},
+  {kCD, 8,             cd::kSize,  0,          0,
+   0, {}, 0, {}, true},
+  {kTR, tr::kEvents,   tr::kSize,  0,          0,
+   1, {{tr::kComment, 8, kTX}}, 0, {}, false},
+  {kSR, sr::kSize,     sr::kSize,  0,          sr::kNext,
+   1, {{sr::kNext, 8, kSR}}, 0, {}, false},
+};
+// clang-format on
+
+// The table row of a kind; null for a kind that is no block of an MDF 3.x file.
+constexpr const KindSpec* kind_spec(uint16_t kind) {
+  for (const KindSpec& k : kKinds) {
+    if (k.kind == kind) return &k;
+  }
+  return nullptr;
+}
+
 }  // namespace korvel::layout

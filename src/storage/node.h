@@ -39,7 +39,7 @@ static_assert(sizeof(LinkRecord) == 16, "link records are kept small: a file has
 struct Node {
   uint32_t tag;               // kNodeTag
   uint32_t read_position;     // file offset the block was read from; 0 for a new block
-  uint32_t written_position;  // file offset the block was last written to; 0 if never
+  uint32_t written_position;  // where the block was last written in its own file; 0 if never
   uint32_t image_size;        // bytes allocated for the image (block size + in-memory extra)
   uint16_t link_count;
   uint16_t kind;        // block identifier as 16-bit value; 0 for the identification block
@@ -70,6 +70,10 @@ class NodeTree {
   static void register_links(Node* node);
 
   Node* find_by_position(uint32_t position) const;
+  // Whether `node` is one of this tree's nodes.
+  bool contains(const Node* node) const {
+    return node != nullptr && node->list_index < nodes_.size() && nodes_[node->list_index] == node;
+  }
   static Node* find_by_block(const uint8_t* image);
   // The link record of a field, or null when the block has no link there.
   static LinkRecord* find_link(Node* owner, uint32_t field);

@@ -6,6 +6,7 @@
 #include "korvel.h"
 #include "storage/block.h"
 #include "storage/node.h"
+#include "storage/placement.h"
 
 namespace {
 
@@ -70,6 +71,58 @@ TEST_F(NodeTreeTest, NewBlocksLinkBeforeTheyAreWritten) {
   EXPECT_EQ(load_le32(dg->image + layout::dg::kFirstCg), 0u);  // the image is untouched
   EXPECT_EQ(set_link(dg, layout::dg::kData, 0, cg), nullptr);
   EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_UNKNOWN_LINK);
+}
+
+TEST_F(NodeTreeTest, EmittedLinksComeFromThePlacementOnly) {
+  // A read DG at 100 leads to a read DG at 200 and to a new CG; a copy of the DG into another
+  // tree still leads to the source's blocks.
+  Node* next = read_dg(200, 0);
+  Node* dg = read_dg(100, 200);
+  Node* cg = nullptr;
+  ASSERT_EQ(new_block(file_, layout::kCG, &cg), 0);
+  set_link(dg, layout::dg::kFirstCg, 0, cg);
+  mdf_file* other = nullptr;
+  ASSERT_EQ(create_file_record(&other), 0);
+  Node* copy = nullptr;
+  ASSERT_EQ(copy_block(other, &copy, file_->tree, dg), 0);
+  uint8_t out[28];
+  struct Case {
+    Node* node;
+    bool own_file;    // the output is the file of the node's own tree
+    bool place_next;  // the DG at 200 is placed at 5000, the CG at 6000
+    int16_t status;
+    uint32_t next, first_cg;
+  };
+  const Case cases[] = {
+      {dg, true, false, MDF_ERR_FATAL, 0, 0},    // the new CG has no place yet
+      {dg, true, true, 0, 5000, 6000},           // placed anew
+      {dg, false, false, MDF_ERR_FATAL, 0, 0},   // a new file: where a block was read is no place
+      {copy, true, false, MDF_ERR_FATAL, 0, 0},  // another file's blocks have no place here
+      {copy, true, true, 0, 5000, 6000},
+  };
+  for (const Case& c : cases) {
+    Placement placement =
+        c.own_file ? Placement(c.node == copy ? other->tree : file_->tree) : Placement();
+    if (c.place_next) {
+      placement.assign(next, 5000);
+      placement.assign(cg, 6000);
+    }
+    std::memset(out, 0xEE, sizeof out);
+    EXPECT_EQ(emit_block(c.node == copy ? other->tree : file_->tree, c.node, placement, out),
+              c.status);
+    if (c.status != 0) continue;
+    EXPECT_EQ(load_le32(out + layout::dg::kNext), c.next);
+    EXPECT_EQ(load_le32(out + layout::dg::kFirstCg), c.first_cg);
+    EXPECT_EQ(load_le32(out + layout::dg::kTrigger), 0u);
+    EXPECT_EQ(load_le32(dg->image + layout::dg::kNext), 200u);  // the image is not changed
+  }
+  // In its own file, a block on disk keeps its place unless placed anew.
+  Placement own(file_->tree);
+  uint64_t at = 0;
+  EXPECT_TRUE(own.position_of(next, &at));
+  EXPECT_EQ(at, 200u);
+  EXPECT_FALSE(own.position_of(cg, &at));
+  release_file_record(other);
 }
 
 TEST_F(NodeTreeTest, SaveAndRestoreCopy) {
