@@ -10,6 +10,7 @@
 #   convert          conversion rules and value coding of rules, the formula language
 #   channel group    channel and group handles, value decoding and encoding, records
 #   sort dump
+#   library          the library's initialisation, wiring the layers' hooks together
 #
 # Fails with a list of every offending line.
 if(NOT KORVEL_SOURCE_DIR)
@@ -24,6 +25,7 @@ set(_rank_channel 5)
 set(_rank_group 5)
 set(_rank_sort 6)
 set(_rank_dump 6)
+set(_rank_library 7)
 
 set(_violations "")
 file(GLOB_RECURSE _files RELATIVE ${KORVEL_SOURCE_DIR}
