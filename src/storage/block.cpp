@@ -332,7 +332,7 @@ int16_t new_sized_block(mdf_file* file, uint16_t kind, uint32_t size, Node** out
 int16_t new_block(mdf_file* file, uint16_t kind, Node** out) {
   *out = nullptr;
   const uint32_t size = default_size(kind);
-  if (size == 0) return internal_error("MDF3", 330);
+  if (size == 0) return internal_error("MDF3", __LINE__);
   Node* node = nullptr;
   if (int16_t st = make_node(file, kind, size, &node); st != 0) return st;
   uint8_t* b = node->image;

@@ -179,7 +179,7 @@ extern "C" {
 
 KORVEL_API int16_t mdfFileOpen(mdf_file** file, const char* name, uint16_t mode) {
   return checked_call("MDFFILE1", [&] {
-    if (file == nullptr || name == nullptr) return internal_error("MDFFILE1", 40);
+    if (file == nullptr || name == nullptr) return internal_error("MDFFILE1", __LINE__);
     return open_file(file, name, mode);
   });
 }

@@ -79,7 +79,7 @@ Node* NodeTree::add(uint16_t kind, uint32_t image_size, uint32_t read_position,
 }
 
 int16_t NodeTree::remove(Node* node) {
-  if (node == nullptr || node->tag != kNodeTag) return internal_error("BNODE", 101);
+  if (node == nullptr || node->tag != kNodeTag) return internal_error("BNODE", __LINE__);
   const uint32_t index = node->list_index;
   if (index >= nodes_.size() || nodes_[index] != node) return MDF_ERR_NODE_NOT_FOUND;
   nodes_[index] = nodes_.back();
@@ -106,7 +106,7 @@ Node* NodeTree::find_by_position(uint32_t position) const {
   auto it = by_position_.find(position);
   if (it == by_position_.end()) return nullptr;
   if (it->second->tag != kNodeTag) {
-    internal_error("BNODE", 140);
+    internal_error("BNODE", __LINE__);
     return nullptr;
   }
   return it->second;
@@ -117,7 +117,7 @@ Node* NodeTree::find_by_block(const uint8_t* image) {
   Node* node;
   std::memcpy(&node, image - kBackPointer, sizeof node);
   if (node == nullptr || node->tag != kNodeTag || node->image != image) {
-    internal_error("BNODE", 153);
+    internal_error("BNODE", __LINE__);
     return nullptr;
   }
   return node;
@@ -139,7 +139,7 @@ LinkRecord* NodeTree::find_link(Node* owner, uint32_t field) {
   }
   if (lo < owner->link_count && links[lo].field == field) {
     if (links[lo].tag != kLinkTag) {
-      internal_error("LNODE", 177);
+      internal_error("LNODE", __LINE__);
       return nullptr;
     }
     return &links[lo];
@@ -161,7 +161,7 @@ Node* resolve_link(const NodeTree& tree, Node* owner, uint32_t field) {
     return nullptr;
   }
   link->target = target;
-  if (!valid_head(target) || target->block_size() < 4) internal_error("MDF1", 209);
+  if (!valid_head(target) || target->block_size() < 4) internal_error("MDF1", __LINE__);
   return target;
 }
 
@@ -177,7 +177,7 @@ LinkRecord* set_link(Node* owner, uint32_t field, uint32_t position, Node* targe
 }
 
 int16_t save_copy(Node* node) {
-  if (node->saved != nullptr) return internal_error("BNODE", 230);
+  if (node->saved != nullptr) return internal_error("BNODE", __LINE__);
   node->saved = static_cast<uint8_t*>(mdfMalloc(node->image_size));
   if (node->saved == nullptr) return raise(MDF_ERR_NO_MEMORY, "");
   std::memcpy(node->saved, node->image, node->image_size);
@@ -185,11 +185,11 @@ int16_t save_copy(Node* node) {
 }
 
 int16_t restore_copy(Node* node) {
-  if (node->saved == nullptr) return internal_error("BNODE", 239);
+  if (node->saved == nullptr) return internal_error("BNODE", __LINE__);
   std::memcpy(node->image, node->saved, node->image_size);
   mdfFree(node->saved);
   node->saved = nullptr;
-  if (!valid_head(node)) return internal_error("MDF3", 244);
+  if (!valid_head(node)) return internal_error("MDF3", __LINE__);
   return 0;
 }
 
@@ -224,7 +224,7 @@ int16_t unlink_file(mdf_file* file) {
 void release_file_record(mdf_file* file) {
   if (file == nullptr) return;
   if (file->tag != kFileTag) {
-    internal_error("FNODE", 281);
+    internal_error("FNODE", __LINE__);
     return;
   }
   unlink_file(file);
