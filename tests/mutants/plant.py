@@ -4,7 +4,8 @@
 Each fault is an exact text replacement in one file. The source tree (without .git) is
 mirrored into a work directory that is kept between runs, built once (Release, no
 benchmarks), and then for every fault: the file is changed, the build is brought up to date
-incrementally, ctest runs until the first failure, and the file is put back. A fault is
+incrementally: first only the test program of the file's layer, which is built and run; if it
+passes, everything is built and ctest runs until the first failure. Then the file is put back. A fault is
 "caught" when the build is good and some test fails, "missed" when every test passes, and
 "no build" when the changed source does not compile (then the fault itself needs fixing).
 
@@ -149,16 +150,35 @@ def mirror(src, dst):
             os.utime(d)  # newer than any object built from the old content
 
 
-def run(cmd, log, timeout=None):
+def run(cmd, log, timeout=None, cwd=None):
     with open(log, "w") as out:
         try:
-            return subprocess.run(cmd, stdout=out, stderr=subprocess.STDOUT, timeout=timeout).returncode
+            return subprocess.run(cmd, stdout=out, stderr=subprocess.STDOUT, timeout=timeout,
+                                  cwd=cwd).returncode
         except subprocess.TimeoutExpired:
             return -1
 
 
 def build(build_dir, log):
     return run(["cmake", "--build", build_dir, "-j2"], log) == 0
+
+
+def layer_failure(build_dir, path, log):
+    """Builds and runs only the test program of the changed file's layer (a quick way to a
+    failure); returns the failing test's name, "" when it passes or there is none, None when
+    it does not build."""
+    parts = path.split("/")
+    program = os.path.join(build_dir, "tests", parts[1] + "_tests") if len(parts) > 2 else ""
+    if parts[0] != "src" or not os.path.exists(program):
+        return ""
+    if run(["cmake", "--build", build_dir, "-j2", "--target", parts[1] + "_tests"], log) != 0:
+        return None
+    code = run([program, "--gtest_brief=1"], log, timeout=600, cwd=os.path.dirname(program))
+    if code == 0:
+        return ""
+    with open(log) as f:
+        failed = [line.split()[-1] for line in f if line.startswith("[  FAILED  ]") and "." in line]
+    return (failed[0] if failed else parts[1] + "_tests (crashed)") + " (layer run)"
 
 
 def first_failure(build_dir, log):
@@ -230,10 +250,11 @@ def main():
         try:
             with open(target, "w") as f:
                 f.write(original.replace(old, new))
-            if not build(build_dir, os.path.join(logs, name + ".build.log")):
+            by = layer_failure(build_dir, path, os.path.join(logs, name + ".layer.log"))
+            if by is None or (not by and not build(build_dir, os.path.join(logs, name + ".build.log"))):
                 outcome, by = "no build", ""
             else:
-                by = first_failure(build_dir, os.path.join(logs, name + ".log"))
+                by = by or first_failure(build_dir, os.path.join(logs, name + ".log"))
                 outcome = "caught" if by else "MISSED"
         finally:
             with open(target, "w") as f:

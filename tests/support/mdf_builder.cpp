@@ -66,16 +66,6 @@ void put_ordered(std::span<uint8_t> rec, size_t at, uint64_t v, size_t n, ByteOr
   }
 }
 
-uint64_t get_ordered(std::span<const uint8_t> rec, size_t at, size_t n, ByteOrder order) {
-  need_rec(rec.size(), at, n);
-  uint64_t v = 0;
-  for (size_t i = 0; i < n; ++i) {
-    const size_t src = order == ByteOrder::intel ? at + i : at + n - 1 - i;
-    v |= static_cast<uint64_t>(rec[src]) << (8 * i);
-  }
-  return v;
-}
-
 }  // namespace
 
 // --- Image -----------------------------------------------------------------------------------
@@ -134,9 +124,6 @@ void Image::patch_u32(uint64_t at, uint32_t v) {
 void Image::patch_u64(uint64_t at, uint64_t v) {
   need(at, 8);
   store_le(&bytes[at], v, 8);
-}
-void Image::patch_f32(uint64_t at, float v) {
-  patch_u32(at, std::bit_cast<uint32_t>(v));
 }
 void Image::patch_f64(uint64_t at, double v) {
   patch_u64(at, std::bit_cast<uint64_t>(v));
@@ -222,12 +209,6 @@ void put_f32(std::span<uint8_t> rec, size_t byte_offset, float v, ByteOrder orde
 }
 void put_f64(std::span<uint8_t> rec, size_t byte_offset, double v, ByteOrder order) {
   put_ordered(rec, byte_offset, std::bit_cast<uint64_t>(v), 8, order);
-}
-float get_f32(std::span<const uint8_t> rec, size_t byte_offset, ByteOrder order) {
-  return std::bit_cast<float>(static_cast<uint32_t>(get_ordered(rec, byte_offset, 4, order)));
-}
-double get_f64(std::span<const uint8_t> rec, size_t byte_offset, ByteOrder order) {
-  return std::bit_cast<double>(get_ordered(rec, byte_offset, 8, order));
 }
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t> data) {
   need_rec(rec.size(), byte_offset, data.size());
@@ -372,14 +353,6 @@ std::vector<size_t> record_order(const DataGroup& dg) {
     }
   }
   return order;
-}
-
-uint32_t Built::offset_of(const Text& t) const {
-  return offset_of(t.id());
-}
-uint32_t Built::offset_of(const void* shared) const {
-  const auto it = shared_blocks.find(shared);
-  return it == shared_blocks.end() ? 0 : it->second;
 }
 
 // --- build -----------------------------------------------------------------------------------

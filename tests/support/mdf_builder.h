@@ -72,7 +72,6 @@ class Image {
   void patch_i16(uint64_t at, int16_t v);
   void patch_u32(uint64_t at, uint32_t v);
   void patch_u64(uint64_t at, uint64_t v);
-  void patch_f32(uint64_t at, float v);
   void patch_f64(uint64_t at, double v);
   void patch_bytes(uint64_t at, std::span<const uint8_t> data);
   void patch_bytes(uint64_t at, std::initializer_list<uint8_t> data);
@@ -109,9 +108,6 @@ void put_f32(std::span<uint8_t> rec, size_t byte_offset, float v,
              ByteOrder order = ByteOrder::intel);
 void put_f64(std::span<uint8_t> rec, size_t byte_offset, double v,
              ByteOrder order = ByteOrder::intel);
-float get_f32(std::span<const uint8_t> rec, size_t byte_offset, ByteOrder order = ByteOrder::intel);
-double get_f64(std::span<const uint8_t> rec, size_t byte_offset,
-               ByteOrder order = ByteOrder::intel);
 // Raw bytes, e.g. a VAX float the caller has encoded, or a string.
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t> data);
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::initializer_list<uint8_t> data);
@@ -296,8 +292,6 @@ struct Built : Image {
   std::vector<BuiltDataGroup> data_groups;
   std::map<const void*, uint32_t> shared_blocks;  // shared Text/CC/CE/CD -> offset
 
-  uint32_t offset_of(const Text& t) const;
-  uint32_t offset_of(const void* shared) const;  // e.g. offset_of(conversion_ptr.get())
 };
 
 Built build(const FileModel& file);

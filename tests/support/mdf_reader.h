@@ -155,7 +155,6 @@ struct ReadFile {
   std::string error_text() const;  // errors and warnings, one per line
   // All channel groups in file order; index + 1 is the library's group number.
   std::vector<const ReadChannelGroup*> channel_groups() const;
-  const ReadChannel* find_channel(std::string_view name) const;  // first with this short name
 };
 
 struct ReadOptions {
@@ -178,12 +177,5 @@ struct RawBlock {
   bool complete = false;
 };
 std::optional<RawBlock> raw_block(std::span<const uint8_t> file, uint64_t offset);
-
-// Compares a file description with a file read back: every field that the description sets,
-// texts, conversion tails, records and record order. Returns one line per difference, so
-// EXPECT_TRUE(differences(file, read).empty()) checks reader(build(f)) against f. Links and
-// offsets are not compared (they depend on the layout), except that a dependency's targets are
-// compared as indices.
-std::vector<std::string> differences(const FileModel& file, const ReadFile& read);
 
 }  // namespace mdftest
