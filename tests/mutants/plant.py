@@ -2,12 +2,13 @@
 """Plants faults into a copy of the source, one at a time, and checks that the tests catch them.
 
 Each fault is an exact text replacement in one file. The source tree (without .git) is
-mirrored into a work directory that is kept between runs, built once (Release, no
-benchmarks), and then for every fault: the file is changed, the build is brought up to date
-incrementally: first only the test program of the file's layer, which is built and run; if it
-passes, everything is built and ctest runs until the first failure. Then the file is put back. A fault is
-"caught" when the build is good and some test fails, "missed" when every test passes, and
-"no build" when the changed source does not compile (then the fault itself needs fixing).
+mirrored into a work directory that is kept between runs and built once (Release, no
+benchmarks). Then for every fault the file is changed and the build brought up to date
+incrementally: first only the test program of the file's layer is built and run (up to its
+first failure); if it passes, everything is built and ctest runs until the first failure.
+Then the file is put back. A fault is "caught" when the build is good and some test fails,
+"MISSED" when every test passes, and "no build" when the changed source does not compile
+(then the fault itself needs fixing).
 
     python3 tests/mutants/plant.py                    # every fault
     python3 tests/mutants/plant.py byte-order sort-cd # some of them
@@ -140,7 +141,10 @@ def mirror(src, dst):
     for name in os.listdir(dst):
         if name not in names:
             path = os.path.join(dst, name)
-            shutil.rmtree(path) if os.path.isdir(path) and not os.path.islink(path) else os.remove(path)
+            if os.path.isdir(path) and not os.path.islink(path):
+                shutil.rmtree(path)
+            else:
+                os.remove(path)
     for name in names:
         s, d = os.path.join(src, name), os.path.join(dst, name)
         if os.path.isdir(s) and not os.path.islink(s):
@@ -173,11 +177,13 @@ def layer_failure(build_dir, path, log):
         return ""
     if run(["cmake", "--build", build_dir, "-j2", "--target", parts[1] + "_tests"], log) != 0:
         return None
-    code = run([program, "--gtest_brief=1"], log, timeout=600, cwd=os.path.dirname(program))
+    code = run([program, "--gtest_brief=1", "--gtest_fail_fast"], log, timeout=600,
+               cwd=os.path.dirname(program))
     if code == 0:
         return ""
     with open(log) as f:
-        failed = [line.split()[-1] for line in f if line.startswith("[  FAILED  ]") and "." in line]
+        failed = [line.split()[3] for line in f
+                  if line.startswith("[  FAILED  ]") and len(line.split()) > 4]
     return (failed[0] if failed else parts[1] + "_tests (crashed)") + " (layer run)"
 
 
@@ -196,7 +202,8 @@ def first_failure(build_dir, log):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap = argparse.ArgumentParser(description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("names", nargs="*", help="faults to plant (default: all)")
     ap.add_argument("--work", default="/tmp/korvel-mutants")
     ap.add_argument("--results", help="write the outcome as a Markdown table to this file")
@@ -251,7 +258,9 @@ def main():
             with open(target, "w") as f:
                 f.write(original.replace(old, new))
             by = layer_failure(build_dir, path, os.path.join(logs, name + ".layer.log"))
-            if by is None or (not by and not build(build_dir, os.path.join(logs, name + ".build.log"))):
+            if by == "" and not build(build_dir, os.path.join(logs, name + ".build.log")):
+                by = None
+            if by is None:
                 outcome, by = "no build", ""
             else:
                 by = by or first_failure(build_dir, os.path.join(logs, name + ".log"))
