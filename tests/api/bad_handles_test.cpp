@@ -80,7 +80,7 @@ TEST(BadHandles, EveryFunctionRefusesThemAndTheStatusSticks) {
       {"mdfChnOpenType", 'G', [&] { return int{mdfChnOpenType(&ch, badG, 1)}; }},
       {"mdfChnOpenTime", 'G', [&] { return int{mdfChnOpenTime(&ch, badG)}; }},
       {"mdfChnCreate", 'G', [&] { return int{mdfChnCreate(&ch, badG, 1, 1, 1, "a")}; }},
-      {"mdfChnDuplicate", 'G', [&] { return int{mdfChnDuplicate(&ch, badG, nullptr)}; }},
+      {"mdfChnDuplicate", 'C', [&] { return int{mdfChnDuplicate(&ch, nullptr, badC)}; }},
       {"mdfChnClose", 'C', [&] { return int{mdfChnClose(badC)}; }},
       {"mdfChnGetFirst", 'G', [&] { return int{mdfChnGetFirst(badG, &ch)}; }},
       {"mdfChnGetInfo", 'C', [&] { return int{mdfChnGetInfo(badC, &u16, &u16, &u16, &s, &s, &s)}; }},
