@@ -244,23 +244,6 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
   EXPECT_EQ(mdfGetErrorCode(), 0) << "1009 is not sticky";
 }
 
-TEST_F(ModuleInfo, BadHandlesAreRaised) {
-  alignas(8) static uint8_t fake[64] = {};
-  uint16_t n = 0;
-  for (Ch wrong : {static_cast<Ch>(nullptr), reinterpret_cast<Ch>(fake)}) {
-    for (const std::function<int16_t()>& call : std::vector<std::function<int16_t()>>{
-             [&] { return mdfChnSetModuleInfo(wrong, 0, nullptr); },
-             [&] { return mdfChnGetModuleType(wrong, &n); },
-             [&] { return mdfChnSetQcnInfo(wrong, 1, 2, "a", "b"); },
-             [&] { return mdfChnGetDimInfo(wrong, &n, nullptr, nullptr, nullptr); }}) {
-      mdfClose();
-      ASSERT_EQ(mdfOpen(nullptr), 0);
-      EXPECT_EQ(call(), MDF_ERR_BAD_CHANNEL);
-      EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_BAD_CHANNEL);
-    }
-  }
-}
-
 TEST_F(ModuleInfo, BlocksOfOtherSizesAndOfOtherWriters) {
   mdftest::FileModel model;
   auto& cg = model.add_data_group().add_channel_group(1);

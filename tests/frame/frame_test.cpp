@@ -238,7 +238,7 @@ class MessageTexts : public Frame {
 
 TEST_F(MessageTexts, LookupOrderAndDefault) {
   EXPECT_STREQ(mdfGetTextStrF(-1001), "[KORVEL] Error Nr.: -1001");
-  write("KORVEL.TXT", "no number here\n1001: group not found\n  -1001:bad handle\n5:five\n");
+  write("KORVEL.TXT", "no number here\n1001: group not found\n  -1001:bad handle\n5:five\r\n");
   write("user.txt", "# user texts\n5:user five\n1001\n");
   EXPECT_STREQ(mdfGetTextStrF(1001), " group not found");
   EXPECT_STREQ(mdfGetTextStrF(-1001), "bad handle");

@@ -186,8 +186,10 @@ TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
   ASSERT_TRUE(r2.ok()) << r2.error_text();
   const auto& modified = r2.data_groups.at(0).channel_groups.at(0);
   EXPECT_EQ(modified.comment, std::nullopt);
-  EXPECT_EQ(mdftest::raw_block(r2.bytes, cg.comment_link)->bytes,
-            mdftest::raw_block(r.bytes, cg.comment_link)->bytes);
+  const auto old_comment = r.bytes.begin() + cg.comment_link;  // left where it was
+  ASSERT_LE(cg.comment_link + r.blocks.at(cg.comment_link).size, r2.bytes.size());
+  EXPECT_TRUE(std::equal(old_comment, old_comment + r.blocks.at(cg.comment_link).size,
+                         r2.bytes.begin() + cg.comment_link));
   const uint64_t raw[] = {0, 3, 8, 9};
   for (size_t k = 0; k < 4; ++k)
     EXPECT_EQ(mdftest::get_bits(modified.records.at(k), 0, 16), raw[k]);
@@ -265,20 +267,6 @@ TEST_F(GroupTime, RefusalsAndBadHandles) {
   EXPECT_TRUE(comment == nullptr && count == 0 && events == nullptr);
   EXPECT_EQ(mdfGetErrorCode(), 0);                      // positive: not sticky
   EXPECT_EQ(mdfGrpSeekTime(g, 1.0, 0), MDF_ERR_FATAL);  // a time search needs a time channel
-  // A bad handle is sticky: every call starts afresh.
-  uint32_t junk[16] = {};
-  const std::function<int16_t(mdf_group*)> calls[] = {
-      [&](mdf_group* x) { return mdfGrpGetTime(&t, x); },
-      [](mdf_group* x) { return mdfGrpSetTime(x, 0); },
-      [](mdf_group* x) { return mdfGrpSeekTime(x, 0, 0); },
-      [](mdf_group* x) { return mdfGrpGetText(x, nullptr); },
-      [](mdf_group* x) { return mdfGrpSetText(x, "x"); },
-      [](mdf_group* x) { return mdfGrpGetTrigger(x, nullptr, nullptr, nullptr); },
-      [](mdf_group* x) { return mdfGrpSetTrigger(x, "x", 0, nullptr); }};
-  for (const auto& call : calls) {
-    reset();
-    EXPECT_EQ(call(reinterpret_cast<mdf_group*>(junk)), MDF_ERR_BAD_GROUP);
-  }
 }
 
 }  // namespace

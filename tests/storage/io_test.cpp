@@ -16,13 +16,11 @@
 #include <vector>
 
 #include "korvel.h"
-#include "platform/platform.h"
 #include "storage/io.h"
 #include "support/scratch.h"
 
 namespace fs = std::filesystem;
 namespace io = korvel::io;
-using korvel::platform::file_call_count;
 
 namespace {
 
@@ -127,30 +125,6 @@ TEST_P(IoBothStyles, OpenMissingAndCreate) {
   EXPECT_EQ(get(name), (Bytes{'n', 'e', 'w'}));
 }
 
-TEST_P(IoBothStyles, SeveralFilesKeepTheirOwnPositionsAndSizes) {
-  // Interleaved use, so that the order of the list of open files keeps changing.
-  uint16_t n[5];
-  std::size_t done[5] = {};
-  for (uint32_t i = 0; i < 5; ++i) {
-    n[i] =
-        open(put(std::to_string(i), pattern(100 + i, i)), flags(i % 2 ? io::kModify : io::kRead));
-    EXPECT_EQ(io::tell(n[i]), 0);
-  }
-  for (uint32_t round = 0; round < 10; ++round) {
-    for (uint32_t i = 5; i-- > 0;) {
-      if ((round + i) % 3 == 0) continue;
-      uint8_t b = 0;
-      ASSERT_EQ(io::read(&b, 1, n[i]), 0);
-      EXPECT_EQ(b, pattern(100 + i, i)[done[i]++]) << i;
-    }
-  }
-  for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(at(n[i]), State(done[i], 100 + i));
-  // Closing files from the middle of the list leaves the others alone.
-  for (uint32_t i : {2u, 0u, 4u}) close(n[i]);
-  for (uint32_t i : {1u, 3u}) EXPECT_EQ(at(n[i]), State(done[i], 100 + i));
-  EXPECT_EQ(mdfGetErrorCode(), 0);
-}
-
 TEST_P(IoBothStyles, SeekOriginsAndTheKnownSize) {
   const Bytes data = pattern(1000, 3);
   const std::string name = put("f.bin", data);
@@ -168,12 +142,6 @@ TEST_P(IoBothStyles, SeekOriginsAndTheKnownSize) {
     EXPECT_EQ(io::seek(n, offset, io::kToEnd), 0);
     ASSERT_EQ(at(n), State(1000, 1000)) << offset;  // else a write below would go far
   }
-  // A seek to where the file already is makes no system call, whatever the origin.
-  const uint64_t calls = file_call_count();
-  EXPECT_EQ(io::seek(n, 1000, io::kFromStart), 0);
-  EXPECT_EQ(io::seek(n, 0, io::kFromCurrent), 0);
-  EXPECT_EQ(io::seek(n, 12345, io::kToEnd), 0);
-  EXPECT_EQ(file_call_count(), calls);
   // A seek past the end grows the known size; the file grows only when written.
   ASSERT_EQ(io::seek(n, 1050, io::kFromStart), 0);
   ASSERT_EQ(io::seek(n, 0, io::kToEnd), 0);
@@ -206,43 +174,6 @@ TEST_P(IoBothStyles, SeekBeforeTheStartFailsWithTheOffsetAsContext) {
     EXPECT_EQ(io::read(&b, 1, n), 0);
     EXPECT_EQ(b, data[0]);
   }
-}
-
-TEST_P(IoBothStyles, WritesAndChangesOfSize) {
-  const std::string name = path("f.bin");
-  const uint16_t n = open(name, flags(io::kCreate));
-  Bytes expected = pattern(300, 12);
-  ASSERT_EQ(io::write(expected.data(), 300, n), 0);  // possibly still in a stream's buffer
-  // Cutting below the position moves it to the new end.
-  ASSERT_EQ(io::set_size(n, 200), 0);
-  EXPECT_EQ(at(n), State(200, 200));
-  EXPECT_EQ(fs::file_size(name), 200u);
-  ASSERT_EQ(io::write("E", 1, n), 0);  // lands at the new end
-  expected.resize(200);
-  expected.push_back('E');
-  // Growing leaves the position alone and fills with zeros.
-  ASSERT_EQ(io::seek(n, 10, io::kFromStart), 0);
-  ASSERT_EQ(io::set_size(n, 250), 0);
-  EXPECT_EQ(at(n), State(10, 250));
-  expected.resize(250, 0);
-  // Writing inside keeps the known size, writing past it grows it.
-  for (const auto& [where, length, size] : {std::tuple{10, 20, 250}, {245, 10, 255}, {0, 5, 255}}) {
-    const Bytes bytes = pattern(static_cast<std::size_t>(length), static_cast<uint32_t>(where));
-    ASSERT_EQ(io::seek(n, where, io::kFromStart), 0);
-    ASSERT_EQ(io::write(bytes.data(), static_cast<uint32_t>(length), n), 0);
-    EXPECT_EQ(at(n), State(where + length, size)) << where;
-    expected.resize(
-        std::max<std::size_t>(expected.size(), static_cast<std::size_t>(where + length)));
-    std::copy(bytes.begin(), bytes.end(), expected.begin() + where);
-  }
-  // Nothing to transfer, at the end: no failure, no change.
-  ASSERT_EQ(io::seek(n, 255, io::kFromStart), 0);
-  EXPECT_EQ(io::read(expected.data(), 0, n), 0);
-  EXPECT_EQ(io::write(expected.data(), 0, n), 0);
-  EXPECT_EQ(at(n), State(255, 255));
-  EXPECT_EQ(mdfGetErrorCode(), 0);
-  close(n);
-  EXPECT_EQ(get(name), expected);
 }
 
 TEST_P(IoBothStyles, ReadOnlyFileRefusesWritesAndChangesOfSize) {
@@ -363,80 +294,6 @@ TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
   }
   for (uint32_t k = 0; k < numbers; ++k) close(n[k]);
   EXPECT_EQ(get(name), disk);
-}
-
-TEST_F(Io, StreamStyleBuffersInTheCallersSizeDescriptorStyleDoesNot) {
-  const std::string name = path("s.bin");
-  const uint16_t n = open(name, kStream | io::kCreate, 8192);
-  const Bytes data = pattern(5000, 18);
-  ASSERT_EQ(io::write(data.data(), 5000, n), 0);
-  EXPECT_EQ(fs::file_size(name), 0u);  // smaller than the buffer: still in it
-  ASSERT_EQ(io::flush(n), 0);
-  EXPECT_EQ(fs::file_size(name), 5000u);
-  ASSERT_EQ(io::write(data.data(), 5000, n), 0);
-  ASSERT_EQ(io::write(data.data(), 5000, n), 0);
-  // 10000 more bytes overflow an 8192-byte buffer once.
-  EXPECT_GE(fs::file_size(name), 5000u + 8192u);
-  EXPECT_LT(fs::file_size(name), 15000u);
-  close(n);
-  EXPECT_EQ(fs::file_size(name), 15000u);
-  // Descriptor style has no buffer of its own: the bytes are in the file at once.
-  const uint16_t d = open(path("d.bin"), io::kCreate);
-  ASSERT_EQ(io::write("abc", 3, d), 0);
-  EXPECT_EQ(fs::file_size(path("d.bin")), 3u);
-}
-
-TEST_F(Io, TheWindowSavesSystemCalls) {
-  constexpr std::size_t kRecord = 13;
-  const Bytes data = pattern(kRecord * 100000, 22);
-  const uint16_t n = open(put("f.bin", data), io::kRead);
-  uint8_t buf[kRecord * 4];
-  // Small reads and seeks inside the first window, once it is filled.
-  ASSERT_EQ(io::read(buf, 16, n), 0);
-  uint64_t calls = file_call_count();
-  std::mt19937 rng(21);
-  for (int i = 0; i < 2000; ++i) {
-    const auto at = static_cast<int64_t>(rng() % (io::kReadAheadSize - 4096 - 32));
-    ASSERT_EQ(io::seek(n, at, io::kFromStart), 0);
-    ASSERT_EQ(io::read(buf, 32, n), 0);
-    ASSERT_EQ(std::memcmp(buf, data.data() + at, 32), 0) << at;
-  }
-  EXPECT_EQ(file_call_count(), calls);
-  // Sequential records: one fill per window, with some overlap at the window edges.
-  ASSERT_EQ(io::seek(n, 0, io::kFromStart), 0);
-  calls = file_call_count();
-  for (std::size_t i = 0; i < 100000; ++i) {
-    ASSERT_EQ(io::read(buf, kRecord, n), 0);
-    ASSERT_EQ(std::memcmp(buf, data.data() + i * kRecord, kRecord), 0) << i;
-  }
-  const uint64_t used = file_call_count() - calls;
-  EXPECT_LE(used, data.size() / (io::kReadAheadSize - 4096) + 2);
-  EXPECT_GE(used, data.size() / io::kReadAheadSize);
-  // Bytes appended behind a window that holds the whole file join it.
-  const uint16_t w = open(put("g.bin", Bytes(100, 7)), io::kModify);
-  ASSERT_EQ(io::read(buf, 16, w), 0);
-  ASSERT_EQ(io::seek(w, 100, io::kFromStart), 0);
-  for (uint8_t i = 0; i < 50; ++i) ASSERT_EQ(io::write(&i, 1, w), 0);
-  calls = file_call_count();
-  ASSERT_EQ(io::seek(w, 96, io::kFromStart), 0);
-  ASSERT_EQ(io::read(buf, 52, w), 0);
-  EXPECT_EQ(file_call_count(), calls);
-  for (uint8_t i = 0; i < 52; ++i) EXPECT_EQ(buf[i], i < 4 ? 7 : i - 4) << int{i};
-  EXPECT_EQ(io::read(buf, 3, w), MDF_ERR_READ);  // and nothing beyond
-}
-
-TEST_F(Io, TheWriteBufferSavesSystemCalls) {
-  const std::string name = path("b.bin");
-  const uint16_t n = open(name, kBuffered | io::kCreate);
-  const Bytes data = pattern(13 * 1000, 30);
-  const uint64_t calls = file_call_count();
-  for (std::size_t i = 0; i < 1000; ++i) ASSERT_EQ(io::write(data.data() + i * 13, 13, n), 0);
-  EXPECT_EQ(file_call_count(), calls);
-  EXPECT_EQ(fs::file_size(name), 0u);
-  EXPECT_EQ(io::known_size(n), 13000);
-  ASSERT_EQ(io::commit(n), 0);
-  EXPECT_EQ(file_call_count(), calls + 1);
-  EXPECT_EQ(get(name), data);
 }
 
 // Buffered bytes that the system refuses (a full disk) fail as an unbuffered write does.

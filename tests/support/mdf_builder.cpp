@@ -7,7 +7,9 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
+#include <variant>
 
 namespace mdftest {
 
@@ -66,16 +68,6 @@ void put_ordered(std::span<uint8_t> rec, size_t at, uint64_t v, size_t n, ByteOr
   }
 }
 
-uint64_t get_ordered(std::span<const uint8_t> rec, size_t at, size_t n, ByteOrder order) {
-  need_rec(rec.size(), at, n);
-  uint64_t v = 0;
-  for (size_t i = 0; i < n; ++i) {
-    const size_t src = order == ByteOrder::intel ? at + i : at + n - 1 - i;
-    v |= static_cast<uint64_t>(rec[src]) << (8 * i);
-  }
-  return v;
-}
-
 }  // namespace
 
 // --- Image -----------------------------------------------------------------------------------
@@ -124,9 +116,6 @@ void Image::patch_u16(uint64_t at, uint16_t v) {
   need(at, 2);
   store_le(&bytes[at], v, 2);
 }
-void Image::patch_i16(uint64_t at, int16_t v) {
-  patch_u16(at, static_cast<uint16_t>(v));
-}
 void Image::patch_u32(uint64_t at, uint32_t v) {
   need(at, 4);
   store_le(&bytes[at], v, 4);
@@ -134,9 +123,6 @@ void Image::patch_u32(uint64_t at, uint32_t v) {
 void Image::patch_u64(uint64_t at, uint64_t v) {
   need(at, 8);
   store_le(&bytes[at], v, 8);
-}
-void Image::patch_f32(uint64_t at, float v) {
-  patch_u32(at, std::bit_cast<uint32_t>(v));
 }
 void Image::patch_f64(uint64_t at, double v) {
   patch_u64(at, std::bit_cast<uint64_t>(v));
@@ -157,34 +143,13 @@ void Image::patch_chars(uint64_t at, size_t width, std::string_view text) {
   std::copy(text.begin(), text.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
 }
 
-uint8_t Image::u8(uint64_t at) const {
-  need(at, 1);
-  return bytes[at];
-}
 uint16_t Image::u16(uint64_t at) const {
   need(at, 2);
   return static_cast<uint16_t>(load_le(&bytes[at], 2));
 }
-int16_t Image::i16(uint64_t at) const {
-  return static_cast<int16_t>(u16(at));
-}
 uint32_t Image::u32(uint64_t at) const {
   need(at, 4);
   return static_cast<uint32_t>(load_le(&bytes[at], 4));
-}
-uint64_t Image::u64(uint64_t at) const {
-  need(at, 8);
-  return load_le(&bytes[at], 8);
-}
-double Image::f64(uint64_t at) const {
-  return std::bit_cast<double>(u64(at));
-}
-std::string Image::chars(uint64_t at, size_t width) const {
-  need(at, width);
-  std::string s;
-  for (size_t i = 0; i < width && bytes[at + i] != 0; ++i)
-    s.push_back(static_cast<char>(bytes[at + i]));
-  return s;
 }
 
 void Image::truncate(size_t new_size) {
@@ -222,12 +187,6 @@ void put_f32(std::span<uint8_t> rec, size_t byte_offset, float v, ByteOrder orde
 }
 void put_f64(std::span<uint8_t> rec, size_t byte_offset, double v, ByteOrder order) {
   put_ordered(rec, byte_offset, std::bit_cast<uint64_t>(v), 8, order);
-}
-float get_f32(std::span<const uint8_t> rec, size_t byte_offset, ByteOrder order) {
-  return std::bit_cast<float>(static_cast<uint32_t>(get_ordered(rec, byte_offset, 4, order)));
-}
-double get_f64(std::span<const uint8_t> rec, size_t byte_offset, ByteOrder order) {
-  return std::bit_cast<double>(get_ordered(rec, byte_offset, 8, order));
 }
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t> data) {
   need_rec(rec.size(), byte_offset, data.size());
@@ -352,7 +311,7 @@ DataGroup& FileModel::add_data_group(uint16_t record_ids) {
   return d;
 }
 
-std::vector<size_t> record_order(const DataGroup& dg) {
+static std::vector<size_t> record_order(const DataGroup& dg) {
   std::vector<size_t> order;
   if (dg.record_ids == 0) {
     for (size_t g = 0; g < dg.channel_groups.size(); ++g)
@@ -372,14 +331,6 @@ std::vector<size_t> record_order(const DataGroup& dg) {
     }
   }
   return order;
-}
-
-uint32_t Built::offset_of(const Text& t) const {
-  return offset_of(t.id());
-}
-uint32_t Built::offset_of(const void* shared) const {
-  const auto it = shared_blocks.find(shared);
-  return it == shared_blocks.end() ? 0 : it->second;
 }
 
 // --- build -----------------------------------------------------------------------------------
@@ -426,7 +377,7 @@ class Builder {
 
   Built run() {
     b_.bytes.assign(off::id_size, 0);
-    write_id();
+    Fields{*this, 0, off::id_size}.all(id_fields, f_.id);
     write_header();
     uint32_t prev_dg = 0;
     b_.data_groups.resize(f_.data_groups.size());
@@ -451,18 +402,11 @@ class Builder {
     uint32_t at;
     uint32_t size;
     bool fits(uint32_t field, uint32_t width) const { return field + width <= size; }
-    void u16(uint32_t field, uint16_t v) {
-      if (fits(field, 2)) bld.b_.patch_u16(at + field, v);
+    void num(uint32_t field, uint32_t width, uint64_t v) {
+      if (fits(field, width)) store_le(bld.b_.bytes.data() + at + field, v, width);
     }
-    void i16(uint32_t field, int16_t v) {
-      if (fits(field, 2)) bld.b_.patch_i16(at + field, v);
-    }
-    void u32(uint32_t field, uint32_t v) {
-      if (fits(field, 4)) bld.b_.patch_u32(at + field, v);
-    }
-    void u64(uint32_t field, uint64_t v) {
-      if (fits(field, 8)) bld.b_.patch_u64(at + field, v);
-    }
+    void u16(uint32_t field, uint16_t v) { num(field, 2, v); }
+    void u32(uint32_t field, uint32_t v) { num(field, 4, v); }
     void real(uint32_t field, double v) {
       if (fits(field, 8)) bld.real(at + field, v);
     }
@@ -477,6 +421,22 @@ class Builder {
         fail(std::string(what) + " link does not fit a block of " + std::to_string(size) +
              " bytes");
       bld.b_.patch_u32(at + field, v);
+    }
+    // Writes the value fields of `s` listed in `table`.
+    template <class S, size_t N>
+    void all(const Field<S> (&table)[N], const S& s) {
+      for (const Field<S>& f : table)
+        std::visit(
+            [&](auto m) {
+              using T = std::remove_cvref_t<decltype(s.*m)>;
+              if constexpr (std::is_same_v<T, std::string>)
+                chars(f.at, f.width, s.*m);
+              else if constexpr (std::is_same_v<T, double>)
+                real(f.at, s.*m);
+              else
+                num(f.at, sizeof(T), static_cast<uint64_t>(s.*m));
+            },
+            f.member);
     }
   };
 
@@ -496,36 +456,12 @@ class Builder {
     return at;
   }
 
-  void write_id() {
-    const IdBlock& id = f_.id;
-    b_.patch_chars(off::id_file, 8, id.file_id);
-    b_.patch_chars(off::id_format, 8, id.format_id);
-    b_.patch_chars(off::id_program, 8, id.program_id);
-    b_.patch_u16(off::id_byte_order, id.byte_order);
-    b_.patch_u16(off::id_float, id.float_format);
-    b_.patch_u16(off::id_version, id.version);
-    b_.patch_u16(off::id_code_page, id.code_page);
-    b_.patch_u8(off::id_reserved, id.reserved32);
-    b_.patch_u8(off::id_reserved + 1, id.reserved33);
-    b_.patch_u16(off::id_unfinished, id.unfinished_flags);
-    b_.patch_u16(off::id_custom_unfinished, id.custom_unfinished_flags);
-  }
-
   void write_header() {
     const Header& h = f_.header;
     b_.header = b_.append_block("HD", h.block_size);
     Fields w{*this, b_.header, h.block_size};
     w.u16(off::hd_dg_count, h.dg_count ? *h.dg_count : to_u16(f_.data_groups.size(), "DG count"));
-    w.chars(off::hd_date, 10, h.date);
-    w.chars(off::hd_time, 8, h.time);
-    w.chars(off::hd_author, 32, h.author);
-    w.chars(off::hd_org, 32, h.organization);
-    w.chars(off::hd_project, 32, h.project);
-    w.chars(off::hd_subject, 32, h.subject);
-    w.u64(off::hd_timestamp, h.timestamp_ns);
-    w.i16(off::hd_utc_offset, h.utc_offset_hours);
-    w.u16(off::hd_time_quality, h.time_quality);
-    w.chars(off::hd_timer_id, 32, h.timer_id);
+    w.all(header_fields, static_cast<const HeaderFields&>(h));
     b_.header_comment = text(h.comment);
     w.link(off::hd_comment, b_.header_comment, "HD comment");
     if (h.program) {
@@ -591,7 +527,6 @@ class Builder {
         b_.patch_u32(prev + off::sr_next, sr);
       prev = sr;
       out.sample_reductions.push_back(sr);
-      out.sample_reduction_data.push_back(data);
     }
     prev = 0;
     out.channels.resize(g.channels.size());
@@ -606,17 +541,7 @@ class Builder {
   uint32_t write_channel(const Channel& c, BuiltChannel& out) {
     out.offset = b_.append_block("CN", c.block_size);
     Fields w{*this, out.offset, c.block_size};
-    w.u16(off::cn_type, c.channel_type);
-    w.chars(off::cn_name, 32, c.name);
-    w.chars(off::cn_description, 128, c.description);
-    w.u16(off::cn_first_bit, c.first_bit);
-    w.u16(off::cn_bit_count, c.bit_count);
-    w.u16(off::cn_data_type, c.data_type);
-    w.u16(off::cn_range_valid, c.range_valid);
-    w.real(off::cn_min, c.min);
-    w.real(off::cn_max, c.max);
-    w.real(off::cn_sample_rate, c.sample_rate);
-    w.u16(off::cn_byte_offset, c.additional_byte_offset);
+    w.all(channel_fields, static_cast<const ChannelFields&>(c));
     out.comment = text(c.comment);
     w.link(off::cn_comment, out.comment, "CN comment");
     out.long_name = text(c.long_name);
@@ -626,7 +551,7 @@ class Builder {
     out.display_name = text(c.display_name);
     w.link(off::cn_display_name, out.display_name, "CN display name");
     if (c.conversion) {
-      out.conversion = write_conversion(*c.conversion, out.range_texts);
+      out.conversion = write_conversion(*c.conversion);
       w.link(off::cn_conversion, out.conversion, "CN conversion");
     }
     if (c.extension) {
@@ -640,21 +565,14 @@ class Builder {
     return out.offset;
   }
 
-  uint32_t write_conversion(const Conversion& c, std::vector<uint32_t>& range_texts) {
-    if (const auto it = b_.shared_blocks.find(&c); it != b_.shared_blocks.end()) {
-      range_texts = range_texts_of_[&c];
-      return it->second;
-    }
+  uint32_t write_conversion(const Conversion& c) {
+    if (const auto it = b_.shared_blocks.find(&c); it != b_.shared_blocks.end()) return it->second;
     const uint16_t size =
         c.block_size ? *c.block_size : to_u16(off::cc_params + conversion_tail_size(c), "CC size");
     const uint32_t at = b_.append_block("CC", size);
     b_.shared_blocks[&c] = at;
     Fields w{*this, at, size};
-    w.u16(off::cc_range_valid, c.range_valid);
-    w.real(off::cc_min, c.min);
-    w.real(off::cc_max, c.max);
-    w.chars(off::cc_unit, 20, c.unit);
-    w.u16(off::cc_type, c.type);
+    w.all(conversion_fields, static_cast<const ConversionFields&>(c));
     w.u16(off::cc_count,
           c.param_count ? *c.param_count : to_u16(conversion_entries(c), "CC entries"));
     const uint32_t p = off::cc_params;
@@ -690,13 +608,11 @@ class Builder {
         const auto e = static_cast<uint32_t>(p + off::cc_range_stride * i);
         const uint32_t tx = c.ranges[i].text ? b_.append_text_block(*c.ranges[i].text) : 0;
         w.link(e + 16, tx, "CC range text");
-        range_texts.push_back(tx);
       }
     } else {
       for (size_t i = 0; i < c.params.size(); ++i)
         w.real(static_cast<uint32_t>(p + 8 * i), c.params[i]);
     }
-    range_texts_of_[&c] = range_texts;
     return at;
   }
 
@@ -786,7 +702,6 @@ class Builder {
 
   const FileModel& f_;
   Built b_;
-  std::map<const Conversion*, std::vector<uint32_t>> range_texts_of_;
   std::vector<std::pair<uint32_t, const Dependency*>> pending_dependencies_;
 };
 

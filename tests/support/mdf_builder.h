@@ -69,23 +69,16 @@ class Image {
 
   void patch_u8(uint64_t at, uint8_t v);
   void patch_u16(uint64_t at, uint16_t v);
-  void patch_i16(uint64_t at, int16_t v);
   void patch_u32(uint64_t at, uint32_t v);
   void patch_u64(uint64_t at, uint64_t v);
-  void patch_f32(uint64_t at, float v);
   void patch_f64(uint64_t at, double v);
   void patch_bytes(uint64_t at, std::span<const uint8_t> data);
   void patch_bytes(uint64_t at, std::initializer_list<uint8_t> data);
   // Writes text into a fixed-width field, zero-padded; throws if it is longer than width.
   void patch_chars(uint64_t at, size_t width, std::string_view text);
 
-  uint8_t u8(uint64_t at) const;
   uint16_t u16(uint64_t at) const;
-  int16_t i16(uint64_t at) const;
   uint32_t u32(uint64_t at) const;
-  uint64_t u64(uint64_t at) const;
-  double f64(uint64_t at) const;
-  std::string chars(uint64_t at, size_t width) const;  // up to the first zero byte
 
   void truncate(size_t new_size);  // only shrinks
 
@@ -109,9 +102,6 @@ void put_f32(std::span<uint8_t> rec, size_t byte_offset, float v,
              ByteOrder order = ByteOrder::intel);
 void put_f64(std::span<uint8_t> rec, size_t byte_offset, double v,
              ByteOrder order = ByteOrder::intel);
-float get_f32(std::span<const uint8_t> rec, size_t byte_offset, ByteOrder order = ByteOrder::intel);
-double get_f64(std::span<const uint8_t> rec, size_t byte_offset,
-               ByteOrder order = ByteOrder::intel);
 // Raw bytes, e.g. a VAX float the caller has encoded, or a string.
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t> data);
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::initializer_list<uint8_t> data);
@@ -253,9 +243,6 @@ struct FileModel {
   DataGroup& add_data_group(uint16_t record_ids = 0);
 };
 
-// The channel-group index of every record of the data section, in file order, as build() lays it
-// out (only for data groups without raw_data).
-std::vector<size_t> record_order(const DataGroup& dg);
 
 // ---------------------------------------------------------------------------------------------
 // Build result: the image plus the offset of every block (0 where none was written).
@@ -268,14 +255,12 @@ struct BuiltChannel {
   uint32_t conversion = 0;
   uint32_t extension = 0;
   uint32_t dependency = 0;
-  std::vector<uint32_t> range_texts;  // TX block of each type-12 entry (0 for none)
 };
 
 struct BuiltChannelGroup {
   uint32_t offset = 0;
   uint32_t comment = 0;
   std::vector<uint32_t> sample_reductions;
-  std::vector<uint32_t> sample_reduction_data;
   std::vector<BuiltChannel> channels;
   std::vector<uint32_t> records;  // file offset of each record (of its leading id, if any)
 };
@@ -296,8 +281,6 @@ struct Built : Image {
   std::vector<BuiltDataGroup> data_groups;
   std::map<const void*, uint32_t> shared_blocks;  // shared Text/CC/CE/CD -> offset
 
-  uint32_t offset_of(const Text& t) const;
-  uint32_t offset_of(const void* shared) const;  // e.g. offset_of(conversion_ptr.get())
 };
 
 Built build(const FileModel& file);

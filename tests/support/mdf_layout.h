@@ -9,119 +9,36 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace mdftest {
 
-// Byte offsets of block fields, counted from the start of the block (the identification block
-// starts at file offset 0, the header block at 64). Use them to find a field to patch:
-//   built.patch_u32(built.data_groups[0].offset + off::dg_next, 12345);
+// Byte offsets of links, counts and sizes, counted from the start of the block (the header block
+// starts at file offset 64). The plain value fields are in the field tables at the end.
 namespace off {
-// Identification block (64 bytes, no block head).
-inline constexpr uint32_t id_file = 0;                // 8 chars, "MDF     " or "UnFinMF "
-inline constexpr uint32_t id_format = 8;              // 8 chars, e.g. "3.20    "
-inline constexpr uint32_t id_program = 16;            // 8 chars
-inline constexpr uint32_t id_byte_order = 24;         // u16
-inline constexpr uint32_t id_float = 26;              // u16: 0 IEEE, 1 VAX G, 2 VAX D
-inline constexpr uint32_t id_version = 28;            // u16, e.g. 320
-inline constexpr uint32_t id_code_page = 30;          // u16
-inline constexpr uint32_t id_reserved = 32;           // 2 bytes that must be zero
-inline constexpr uint32_t id_unfinished = 60;         // u16 standard unfinished flags
-inline constexpr uint32_t id_custom_unfinished = 62;  // u16 custom unfinished flags
-inline constexpr uint32_t id_size = 64;
-
-// Every other block: 2-char identifier and u16 size.
-inline constexpr uint32_t block_id = 0;
-inline constexpr uint32_t block_size = 2;
-
-// HD (at file offset 64; 164 or 208 bytes).
-inline constexpr uint32_t hd_first_dg = 4;
-inline constexpr uint32_t hd_comment = 8;
-inline constexpr uint32_t hd_program = 12;
-inline constexpr uint32_t hd_dg_count = 16;
-inline constexpr uint32_t hd_date = 18;           // 10 chars
-inline constexpr uint32_t hd_time = 28;           // 8 chars
-inline constexpr uint32_t hd_author = 36;         // 32 chars
-inline constexpr uint32_t hd_org = 68;            // 32 chars
-inline constexpr uint32_t hd_project = 100;       // 32 chars
-inline constexpr uint32_t hd_subject = 132;       // 32 chars
-inline constexpr uint32_t hd_timestamp = 164;     // u64 ns, only in 208-byte headers
-inline constexpr uint32_t hd_utc_offset = 172;    // i16 hours
-inline constexpr uint32_t hd_time_quality = 174;  // u16
-inline constexpr uint32_t hd_timer_id = 176;      // 32 chars
-
-// DG (28 bytes).
-inline constexpr uint32_t dg_next = 4;
-inline constexpr uint32_t dg_first_cg = 8;
-inline constexpr uint32_t dg_trigger = 12;
-inline constexpr uint32_t dg_data = 16;
-inline constexpr uint32_t dg_cg_count = 20;
-inline constexpr uint32_t dg_record_ids = 22;
-inline constexpr uint32_t dg_reserved = 24;  // 4 bytes
-
-// CG (26 bytes, 30 with the SR link).
-inline constexpr uint32_t cg_next = 4;
-inline constexpr uint32_t cg_first_cn = 8;
-inline constexpr uint32_t cg_comment = 12;
-inline constexpr uint32_t cg_record_id = 16;
-inline constexpr uint32_t cg_cn_count = 18;
-inline constexpr uint32_t cg_record_size = 20;
-inline constexpr uint32_t cg_record_count = 22;  // u32
-inline constexpr uint32_t cg_first_sr = 26;
-
-// CN (218, 222 or 228 bytes).
-inline constexpr uint32_t cn_next = 4;
-inline constexpr uint32_t cn_conversion = 8;
-inline constexpr uint32_t cn_extension = 12;
-inline constexpr uint32_t cn_dependency = 16;
-inline constexpr uint32_t cn_comment = 20;
-inline constexpr uint32_t cn_type = 24;
-inline constexpr uint32_t cn_name = 26;         // 32 chars
-inline constexpr uint32_t cn_description = 58;  // 128 chars
-inline constexpr uint32_t cn_first_bit = 186;
-inline constexpr uint32_t cn_bit_count = 188;
-inline constexpr uint32_t cn_data_type = 190;
-inline constexpr uint32_t cn_range_valid = 192;
-inline constexpr uint32_t cn_min = 194;           // REAL
-inline constexpr uint32_t cn_max = 202;           // REAL
-inline constexpr uint32_t cn_sample_rate = 210;   // REAL
-inline constexpr uint32_t cn_long_name = 218;     // link, size >= 222
-inline constexpr uint32_t cn_display_name = 222;  // link, size >= 228
-inline constexpr uint32_t cn_byte_offset = 226;   // u16, size >= 228
-
-// CC (46 bytes plus the type-dependent tail).
-inline constexpr uint32_t cc_range_valid = 4;
-inline constexpr uint32_t cc_min = 6;
-inline constexpr uint32_t cc_max = 14;
-inline constexpr uint32_t cc_unit = 22;  // 20 chars
-inline constexpr uint32_t cc_type = 42;
-inline constexpr uint32_t cc_count = 44;
-inline constexpr uint32_t cc_params = 46;
-// Entry strides of the tail: tables 16 (raw, phys), verbal table 40 (value, 32 chars),
-// verbal range table 20 (lower, upper, TX link at entry offset 16).
-inline constexpr uint32_t cc_table_stride = 16;
-inline constexpr uint32_t cc_verbal_stride = 40;
-inline constexpr uint32_t cc_range_stride = 20;
-
-// CE.
-inline constexpr uint32_t ce_type = 4;
-inline constexpr uint32_t ce_record = 6;
-
+inline constexpr uint32_t id_reserved = 32;  // 2 bytes that must be zero
+inline constexpr uint32_t id_size = 64;      // the identification block has no block head
+inline constexpr uint32_t block_size = 2;    // u16 after the 2-char identifier of every other block
+inline constexpr uint32_t hd_first_dg = 4, hd_comment = 8, hd_program = 12, hd_dg_count = 16;
+inline constexpr uint32_t dg_next = 4, dg_first_cg = 8, dg_trigger = 12, dg_data = 16,
+                          dg_cg_count = 20, dg_record_ids = 22;
+inline constexpr uint32_t cg_next = 4, cg_first_cn = 8, cg_comment = 12, cg_record_id = 16,
+                          cg_cn_count = 18, cg_record_size = 20, cg_record_count = 22,
+                          cg_first_sr = 26;
+// CN: the long name link needs a block of 222 bytes, the display name link 228.
+inline constexpr uint32_t cn_next = 4, cn_conversion = 8, cn_extension = 12, cn_dependency = 16,
+                          cn_comment = 20, cn_long_name = 218, cn_display_name = 222;
+// CC: the type-dependent tail starts at cc_params; entry strides of tables 16 (raw, phys),
+// verbal tables 40 (value, 32 chars), verbal range tables 20 (lower, upper, TX link at 16).
+inline constexpr uint32_t cc_count = 44, cc_params = 46;
+inline constexpr uint32_t cc_table_stride = 16, cc_verbal_stride = 40, cc_range_stride = 20;
+inline constexpr uint32_t ce_type = 4, ce_record = 6;
 // CD: entry k has three links (DG, CG, CN) at 8 + 12k.
-inline constexpr uint32_t cd_type = 4;
-inline constexpr uint32_t cd_count = 6;
-inline constexpr uint32_t cd_links = 8;
-
+inline constexpr uint32_t cd_type = 4, cd_count = 6, cd_links = 8;
 // TR: event k has three REALs (time, pre, post) at 10 + 24k.
-inline constexpr uint32_t tr_comment = 4;
-inline constexpr uint32_t tr_count = 8;
-inline constexpr uint32_t tr_events = 10;
-
-// SR (24 bytes).
-inline constexpr uint32_t sr_next = 4;
-inline constexpr uint32_t sr_data = 8;
-inline constexpr uint32_t sr_count = 12;     // u32
-inline constexpr uint32_t sr_interval = 16;  // REAL
+inline constexpr uint32_t tr_comment = 4, tr_count = 8, tr_events = 10;
+inline constexpr uint32_t sr_next = 4, sr_data = 8, sr_count = 12, sr_interval = 16;
 }  // namespace off
 
 // Conversion type codes of the CC block.
@@ -246,5 +163,41 @@ struct DependencyTarget {
   int cn = -1;
   bool operator==(const DependencyTarget&) const = default;
 };
+
+// The plain value fields of the identification, HD, CN and CC blocks, one table per struct,
+// driving both the builder and the reader. A number is as wide as its member (a double is an
+// 8-byte REAL); a text has the given width. Fields beyond a shorter block are neither written nor
+// read.
+template <class S>
+struct Field {
+  uint32_t at;
+  std::variant<uint8_t S::*, uint16_t S::*, int16_t S::*, uint64_t S::*, double S::*,
+               std::string S::*>
+      member;
+  uint32_t width = 0;
+};
+
+inline const Field<IdBlock> id_fields[] = {
+    {0, &IdBlock::file_id, 8},     {8, &IdBlock::format_id, 8},  {16, &IdBlock::program_id, 8},
+    {24, &IdBlock::byte_order},    {26, &IdBlock::float_format}, {28, &IdBlock::version},
+    {30, &IdBlock::code_page},     {32, &IdBlock::reserved32},   {33, &IdBlock::reserved33},
+    {60, &IdBlock::unfinished_flags}, {62, &IdBlock::custom_unfinished_flags}};
+inline const Field<HeaderFields> header_fields[] = {
+    {18, &HeaderFields::date, 10},          {28, &HeaderFields::time, 8},
+    {36, &HeaderFields::author, 32},        {68, &HeaderFields::organization, 32},
+    {100, &HeaderFields::project, 32},      {132, &HeaderFields::subject, 32},
+    {164, &HeaderFields::timestamp_ns},     {172, &HeaderFields::utc_offset_hours},
+    {174, &HeaderFields::time_quality},     {176, &HeaderFields::timer_id, 32}};
+inline const Field<ChannelFields> channel_fields[] = {
+    {24, &ChannelFields::channel_type},  {26, &ChannelFields::name, 32},
+    {58, &ChannelFields::description, 128}, {186, &ChannelFields::first_bit},
+    {188, &ChannelFields::bit_count},    {190, &ChannelFields::data_type},
+    {192, &ChannelFields::range_valid},  {194, &ChannelFields::min},
+    {202, &ChannelFields::max},          {210, &ChannelFields::sample_rate},
+    {226, &ChannelFields::additional_byte_offset}};
+inline const Field<ConversionFields> conversion_fields[] = {
+    {4, &ConversionFields::range_valid}, {6, &ConversionFields::min},
+    {14, &ConversionFields::max},        {22, &ConversionFields::unit, 20},
+    {42, &ConversionFields::type}};
 
 }  // namespace mdftest

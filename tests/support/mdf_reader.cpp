@@ -9,7 +9,9 @@
 #include <set>
 #include <sstream>
 #include <tuple>
+#include <type_traits>
 #include <utility>
+#include <variant>
 
 #include "support/mdf_builder.h"
 
@@ -58,7 +60,6 @@ bool is_decoded_conversion(uint16_t type) {
 struct Blk {
   uint32_t at = 0;
   std::span<const uint8_t> d;
-  const ReadOptions* opt = nullptr;
 
   uint16_t size() const { return static_cast<uint16_t>(d.size()); }
   bool has(uint32_t field, uint32_t width) const { return field + uint64_t{width} <= d.size(); }
@@ -66,17 +67,29 @@ struct Blk {
     return has(field, width) ? load_le(d.data() + field, width) : 0;
   }
   uint16_t u16(uint32_t field) const { return static_cast<uint16_t>(le(field, 2)); }
-  int16_t i16(uint32_t field) const { return static_cast<int16_t>(u16(field)); }
   uint32_t u32(uint32_t field) const { return static_cast<uint32_t>(le(field, 4)); }
-  uint64_t u64(uint32_t field) const { return le(field, 8); }
   double real(uint32_t field) const {
-    if (!has(field, 8)) return 0;
-    if (opt != nullptr && opt->decode_real)
-      return opt->decode_real(std::span<const uint8_t, 8>(d.data() + field, 8));
-    return std::bit_cast<double>(u64(field));
+    return std::bit_cast<double>(le(field, 8));
   }
   std::string chars(uint32_t field, uint32_t width) const {
     return has(field, width) ? chars_of(d.subspan(field, width)) : std::string();
+  }
+  // Reads the value fields listed in `table` into `s`.
+  template <class S, size_t N, class Out>
+  void all(const Field<S> (&table)[N], Out& s) const {
+    for (const Field<S>& f : table)
+      std::visit(
+          [&](auto m) {
+            auto& v = s.*m;
+            using T = std::remove_cvref_t<decltype(v)>;
+            if constexpr (std::is_same_v<T, std::string>)
+              v = chars(f.at, f.width);
+            else if constexpr (std::is_same_v<T, double>)
+              v = real(f.at);
+            else
+              v = static_cast<T>(le(f.at, sizeof(T)));
+          },
+          f.member);
   }
   std::span<const uint8_t> from(uint32_t field) const {
     return field < d.size() ? d.subspan(field) : std::span<const uint8_t>();
@@ -85,26 +98,14 @@ struct Blk {
 
 class Reader {
  public:
-  Reader(std::span<const uint8_t> file, const ReadOptions& opt, ReadFile& out)
-      : f_(file), opt_(opt), r_(out) {}
+  Reader(std::span<const uint8_t> file, ReadFile& out) : f_(file), r_(out) {}
 
   void run() {
     if (f_.size() < off::id_size) {
       error("file of " + std::to_string(f_.size()) + " bytes has no identification block");
       return;
     }
-    const Blk id{0, f_.first(off::id_size), &opt_};
-    r_.id.file_id = id.chars(off::id_file, 8);
-    r_.id.format_id = id.chars(off::id_format, 8);
-    r_.id.program_id = id.chars(off::id_program, 8);
-    r_.id.byte_order = id.u16(off::id_byte_order);
-    r_.id.float_format = id.u16(off::id_float);
-    r_.id.version = id.u16(off::id_version);
-    r_.id.code_page = id.u16(off::id_code_page);
-    r_.id.reserved32 = f_[off::id_reserved];
-    r_.id.reserved33 = f_[off::id_reserved + 1];
-    r_.id.unfinished_flags = id.u16(off::id_unfinished);
-    r_.id.custom_unfinished_flags = id.u16(off::id_custom_unfinished);
+    Blk{0, f_.first(off::id_size)}.all(id_fields, r_.id);
 
     const auto hd = block(off::id_size, "HD", "header");
     if (!hd) return;
@@ -114,8 +115,7 @@ class Reader {
                  read_data_group(b, r_.data_groups.emplace_back(), p);
                  return r_.data_groups.back().next_link;
                });
-    if (opt_.split_records)
-      for (size_t i = 0; i < r_.data_groups.size(); ++i)
+    for (size_t i = 0; i < r_.data_groups.size(); ++i)
         read_data(r_.data_groups[i], "dg[" + std::to_string(i) + "]");
     resolve_dependencies();
   }
@@ -153,7 +153,7 @@ class Reader {
       return std::nullopt;
     }
     r_.blocks[link] = BlockInfo{std::string(id), size};
-    return Blk{link, f_.subspan(link, size), &opt_};
+    return Blk{link, f_.subspan(link, size)};
   }
 
   std::optional<std::string> text(uint32_t link, const std::string& path,
@@ -171,16 +171,7 @@ class Reader {
     h.comment_link = b.u32(off::hd_comment);
     h.program_link = b.u32(off::hd_program);
     h.dg_count = b.u16(off::hd_dg_count);
-    h.date = b.chars(off::hd_date, 10);
-    h.time = b.chars(off::hd_time, 8);
-    h.author = b.chars(off::hd_author, 32);
-    h.organization = b.chars(off::hd_org, 32);
-    h.project = b.chars(off::hd_project, 32);
-    h.subject = b.chars(off::hd_subject, 32);
-    h.timestamp_ns = b.u64(off::hd_timestamp);
-    h.utc_offset_hours = b.i16(off::hd_utc_offset);
-    h.time_quality = b.u16(off::hd_time_quality);
-    h.timer_id = b.chars(off::hd_timer_id, 32);
+    b.all(header_fields, h);
     h.comment = text(h.comment_link, "header comment");
     if (const auto pr = block(h.program_link, "PR", "header program block")) {
       const auto bytes = pr->from(4);
@@ -231,14 +222,7 @@ class Reader {
     g.cn_count = b.u16(off::cg_cn_count);
     g.record_size = b.u16(off::cg_record_size);
     g.record_count = b.u32(off::cg_record_count);
-    g.first_sr_link = b.u32(off::cg_first_sr);
     g.comment = text(g.comment_link, path, "comment");
-    walk_chain(g.first_sr_link, "SR", path + ".sr", "sample reduction",
-               [&](const Blk& sr, const std::string&) {
-                 g.sample_reductions.push_back({sr.at, sr.u32(off::sr_next), sr.u32(off::sr_data),
-                                                sr.u32(off::sr_count), sr.real(off::sr_interval)});
-                 return g.sample_reductions.back().next_link;
-               });
     walk_chain(g.first_cn_link, "CN", path + ".cn", "channel",
                [&](const Blk& member, const std::string& p) {
                  read_channel(member, g.channels.emplace_back(), p);
@@ -272,21 +256,9 @@ class Reader {
     c.extension_link = b.u32(off::cn_extension);
     c.dependency_link = b.u32(off::cn_dependency);
     c.comment_link = b.u32(off::cn_comment);
-    c.channel_type = b.u16(off::cn_type);
-    c.name = b.chars(off::cn_name, 32);
-    c.description = b.chars(off::cn_description, 128);
-    c.first_bit = b.u16(off::cn_first_bit);
-    c.bit_count = b.u16(off::cn_bit_count);
-    c.data_type = b.u16(off::cn_data_type);
-    c.range_valid = b.u16(off::cn_range_valid);
-    c.min = b.real(off::cn_min);
-    c.max = b.real(off::cn_max);
-    c.sample_rate = b.real(off::cn_sample_rate);
+    b.all(channel_fields, c);
     if (b.size() >= 222) c.long_name_link = b.u32(off::cn_long_name);
-    if (b.size() >= 228) {
-      c.display_name_link = b.u32(off::cn_display_name);
-      c.additional_byte_offset = b.u16(off::cn_byte_offset);
-    }
+    if (b.size() >= 228) c.display_name_link = b.u32(off::cn_display_name);
     c.comment = text(c.comment_link, path, "comment");
     c.long_name = text(c.long_name_link, path, "long name");
     c.display_name = text(c.display_name_link, path, "display name");
@@ -321,16 +293,11 @@ class Reader {
   void read_conversion(const Blk& b, ReadConversion& c, const std::string& path) {
     c.offset = b.at;
     c.block_size = b.size();
-    c.range_valid = b.u16(off::cc_range_valid);
-    c.min = b.real(off::cc_min);
-    c.max = b.real(off::cc_max);
-    c.unit = b.chars(off::cc_unit, 20);
-    c.type = b.u16(off::cc_type);
+    b.all(conversion_fields, c);
     c.param_count = b.u16(off::cc_count);
     const auto tail = b.from(off::cc_params);
-    c.tail.assign(tail.begin(), tail.end());
     if (!is_decoded_conversion(c.type)) {
-      c.raw_tail = c.tail;
+      c.raw_tail.emplace(tail.begin(), tail.end());
       return;
     }
     if (c.type == cc::formula) {
@@ -354,7 +321,6 @@ class Reader {
         c.verbal.push_back({b.real(e), b.chars(e + 8, 32)});
       } else if (c.type == cc::verbal_range) {
         const uint32_t link = b.u32(e + 16);
-        c.range_links.push_back(link);
         c.ranges.push_back({b.real(e), b.real(e + 8), text(link, path, "range text")});
       } else {
         c.params.push_back(b.real(e));
@@ -395,7 +361,6 @@ class Reader {
         for (uint32_t k = 0; k < g.record_count && pos + g.record_size <= data.size(); ++k) {
           g.records.emplace_back(data.begin() + static_cast<std::ptrdiff_t>(pos),
                                  data.begin() + static_cast<std::ptrdiff_t>(pos + g.record_size));
-          dg.record_order.push_back(gi);
           pos += g.record_size;
         }
       }
@@ -422,7 +387,6 @@ class Reader {
       if (ids == 2 && data[pos + length - 1] != id)
         warning(path + ": trailing record id at " + hex(dg.data_link + pos + length - 1) +
                 " differs from the leading one");
-      dg.record_order.push_back(static_cast<size_t>(it - dg.channel_groups.begin()));
       pos += length;
     }
   }
@@ -454,7 +418,6 @@ class Reader {
   }
 
   std::span<const uint8_t> f_;
-  const ReadOptions& opt_;
   ReadFile& r_;
 };
 
@@ -476,22 +439,14 @@ std::vector<const ReadChannelGroup*> ReadFile::channel_groups() const {
   return out;
 }
 
-const ReadChannel* ReadFile::find_channel(std::string_view name) const {
-  for (const auto& dg : data_groups)
-    for (const auto& cg : dg.channel_groups)
-      for (const auto& cn : cg.channels)
-        if (cn.name == name) return &cn;
-  return nullptr;
-}
-
-ReadFile read_bytes(std::span<const uint8_t> bytes, const ReadOptions& options) {
+ReadFile read_bytes(std::span<const uint8_t> bytes) {
   ReadFile r;
   r.bytes.assign(bytes.begin(), bytes.end());
-  Reader(r.bytes, options, r).run();
+  Reader(r.bytes, r).run();
   return r;
 }
 
-ReadFile read_file(const std::filesystem::path& path, const ReadOptions& options) {
+ReadFile read_file(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     ReadFile r;
@@ -500,232 +455,8 @@ ReadFile read_file(const std::filesystem::path& path, const ReadOptions& options
   }
   const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                    std::istreambuf_iterator<char>());
-  return read_bytes(bytes, options);
+  return read_bytes(bytes);
 }
 
-std::optional<RawBlock> raw_block(std::span<const uint8_t> file, uint64_t offset) {
-  if (offset > file.size() || file.size() - offset < 4) return std::nullopt;
-  RawBlock b;
-  b.offset = offset;
-  b.id = std::string{static_cast<char>(file[offset]), static_cast<char>(file[offset + 1])};
-  b.size = static_cast<uint16_t>(load_le(file.data() + offset + 2, 2));
-  const uint64_t n = std::min<uint64_t>(b.size, file.size() - offset);
-  const auto bytes = file.subspan(offset, n);
-  b.bytes.assign(bytes.begin(), bytes.end());
-  b.complete = n == b.size;
-  return b;
-}
-
-// --- differences -----------------------------------------------------------------------------
-
-namespace {
-
-std::string show(const std::string& s) {
-  return "\"" + s + "\"";
-}
-std::string show(const std::optional<std::string>& s) {
-  return s ? show(*s) : "none";
-}
-template <typename T>
-std::string show(const T& v) {
-  if constexpr (std::is_floating_point_v<T>) {
-    std::ostringstream o;
-    o.precision(17);
-    o << v;
-    return o.str();
-  } else if constexpr (std::is_arithmetic_v<T>) {
-    return std::to_string(v);
-  } else {
-    return "(differs)";
-  }
-}
-
-class Diff {
- public:
-  template <typename A, typename B>
-  void eq(const std::string& what, const A& expected, const B& read) {
-    if (!(expected == read))
-      out.push_back(what + ": expected " + show(expected) + ", read " + show(read));
-  }
-  std::vector<std::string> out;
-};
-
-std::optional<std::string> opt_text(const Text& t) {
-  return t ? std::optional<std::string>(t.str()) : std::nullopt;
-}
-
-bool fits(uint32_t size, uint32_t field, uint32_t width) {
-  return field + width <= size;
-}
-
-void compare_conversion(Diff& d, const std::string& p, const Conversion& s,
-                        const ReadConversion& r) {
-  d.eq(p + ".range_valid", s.range_valid, r.range_valid);
-  d.eq(p + ".min", s.min, r.min);
-  d.eq(p + ".max", s.max, r.max);
-  d.eq(p + ".unit", s.unit, r.unit);
-  d.eq(p + ".type", s.type, r.type);
-  const bool by_bytes = s.raw_tail || !is_decoded_conversion(s.type);
-  if (by_bytes) {
-    std::vector<uint8_t> tail;
-    if (s.raw_tail) {
-      tail = *s.raw_tail;
-    } else {
-      for (const double v : s.params)
-        for (int i = 0; i < 8; ++i)
-          tail.push_back(static_cast<uint8_t>(std::bit_cast<uint64_t>(v) >> (8 * i)));
-    }
-    tail.resize(r.tail.size(), 0);  // a larger block_size pads with zeros, a smaller one cuts
-    d.eq(p + ".tail", tail, r.tail);
-    if (s.param_count) d.eq(p + ".param_count", *s.param_count, r.param_count);
-    return;
-  }
-  d.eq(p + ".params", s.params, r.params);
-  d.eq(p + ".table", s.table, r.table);
-  d.eq(p + ".formula", s.formula, r.formula);
-  d.eq(p + ".verbal", s.verbal, r.verbal);
-  d.eq(p + ".ranges", s.ranges, r.ranges);
-  if (s.param_count) d.eq(p + ".param_count", *s.param_count, r.param_count);
-  if (s.block_size) d.eq(p + ".block_size", *s.block_size, r.block_size);
-}
-
-void compare_channel(Diff& d, const std::string& p, const Channel& s, const ReadChannel& r) {
-  const uint32_t size = s.block_size;
-  d.eq(p + ".block_size", s.block_size, r.block_size);
-  d.eq(p + ".channel_type", s.channel_type, r.channel_type);
-  d.eq(p + ".name", s.name, r.name);
-  d.eq(p + ".description", s.description, r.description);
-  d.eq(p + ".first_bit", s.first_bit, r.first_bit);
-  d.eq(p + ".bit_count", s.bit_count, r.bit_count);
-  d.eq(p + ".data_type", s.data_type, r.data_type);
-  d.eq(p + ".range_valid", s.range_valid, r.range_valid);
-  if (fits(size, off::cn_sample_rate, 8)) {
-    d.eq(p + ".min", s.min, r.min);
-    d.eq(p + ".max", s.max, r.max);
-    d.eq(p + ".sample_rate", s.sample_rate, r.sample_rate);
-  }
-  if (size >= 228)
-    d.eq(p + ".additional_byte_offset", s.additional_byte_offset, r.additional_byte_offset);
-  d.eq(p + ".comment", opt_text(s.comment), r.comment);
-  d.eq(p + ".long_name", opt_text(s.long_name), r.long_name);
-  d.eq(p + ".display_name", opt_text(s.display_name), r.display_name);
-  d.eq(p + ".conversion present", s.conversion != nullptr, r.conversion.has_value());
-  if (s.conversion && r.conversion)
-    compare_conversion(d, p + ".conversion", *s.conversion, *r.conversion);
-  d.eq(p + ".extension present", s.extension != nullptr, r.extension.has_value());
-  if (s.extension && r.extension) {
-    d.eq(p + ".extension.type", s.extension->type, r.extension->type);
-    std::vector<uint8_t> rec = s.extension->record;
-    rec.resize(r.extension->record.size(), 0);
-    d.eq(p + ".extension.record", rec, r.extension->record);
-  }
-  d.eq(p + ".dependency present", s.dependency != nullptr, r.dependency.has_value());
-  if (s.dependency && r.dependency) {
-    d.eq(p + ".dependency.type", s.dependency->type, r.dependency->type);
-    std::vector<DependencyTarget> targets;
-    for (DependencyTarget t : s.dependency->targets) {
-      if (t.dg < 0) t.cg = -1;
-      if (t.cg < 0) t.cn = -1;
-      targets.push_back(t);
-    }
-    d.eq(p + ".dependency.targets", targets, r.dependency->targets);
-  }
-}
-
-}  // namespace
-
-std::vector<std::string> differences(const FileModel& file, const ReadFile& read) {
-  Diff d;
-  for (const auto& e : read.errors) d.out.push_back("read error: " + e);
-  for (const auto& w : read.warnings) d.out.push_back("read warning: " + w);
-  const IdBlock& si = file.id;
-  const IdBlock& ri = read.id;
-  d.eq("id.file_id", si.file_id, ri.file_id);
-  d.eq("id.format_id", si.format_id, ri.format_id);
-  d.eq("id.program_id", si.program_id, ri.program_id);
-  d.eq("id.byte_order", si.byte_order, ri.byte_order);
-  d.eq("id.float_format", si.float_format, ri.float_format);
-  d.eq("id.version", si.version, ri.version);
-  d.eq("id.code_page", si.code_page, ri.code_page);
-  d.eq("id.reserved32", si.reserved32, ri.reserved32);
-  d.eq("id.reserved33", si.reserved33, ri.reserved33);
-  d.eq("id.unfinished_flags", si.unfinished_flags, ri.unfinished_flags);
-  d.eq("id.custom_unfinished_flags", si.custom_unfinished_flags, ri.custom_unfinished_flags);
-
-  const Header& sh = file.header;
-  const ReadHeader& rh = read.header;
-  const uint32_t hs = sh.block_size;
-  d.eq("header.block_size", sh.block_size, rh.block_size);
-  d.eq("header.dg_count", sh.dg_count ? *sh.dg_count : file.data_groups.size(),
-       size_t{rh.dg_count});
-  d.eq("header.date", sh.date, rh.date);
-  d.eq("header.time", sh.time, rh.time);
-  d.eq("header.author", sh.author, rh.author);
-  d.eq("header.organization", sh.organization, rh.organization);
-  d.eq("header.project", sh.project, rh.project);
-  d.eq("header.subject", sh.subject, rh.subject);
-  if (fits(hs, off::hd_timestamp, 8)) d.eq("header.timestamp_ns", sh.timestamp_ns, rh.timestamp_ns);
-  if (fits(hs, off::hd_utc_offset, 2))
-    d.eq("header.utc_offset_hours", sh.utc_offset_hours, rh.utc_offset_hours);
-  if (fits(hs, off::hd_time_quality, 2))
-    d.eq("header.time_quality", sh.time_quality, rh.time_quality);
-  if (fits(hs, off::hd_timer_id, 32)) d.eq("header.timer_id", sh.timer_id, rh.timer_id);
-  d.eq("header.comment", opt_text(sh.comment), rh.comment);
-  d.eq("header.program", sh.program, rh.program);
-
-  d.eq("data group count", file.data_groups.size(), read.data_groups.size());
-  for (size_t i = 0; i < std::min(file.data_groups.size(), read.data_groups.size()); ++i) {
-    const DataGroup& sd = file.data_groups[i];
-    const ReadDataGroup& rd = read.data_groups[i];
-    const std::string p = "dg[" + std::to_string(i) + "]";
-    d.eq(p + ".record_ids", sd.record_ids, rd.record_ids);
-    d.eq(p + ".cg_count", sd.channel_groups.size(), size_t{rd.cg_count});
-    d.eq(p + ".trigger present", sd.trigger.has_value(), rd.trigger.has_value());
-    if (sd.trigger && rd.trigger) {
-      d.eq(p + ".trigger.comment", opt_text(sd.trigger->comment), rd.trigger->comment);
-      d.eq(p + ".trigger.event_count",
-           sd.trigger->event_count ? *sd.trigger->event_count : sd.trigger->events.size(),
-           size_t{rd.trigger->event_count});
-      d.eq(p + ".trigger.events", sd.trigger->events, rd.trigger->events);
-    }
-    if (sd.raw_data) {
-      const size_t n = std::min(sd.raw_data->size(), rd.data.size());
-      d.eq(p + ".data",
-           std::vector<uint8_t>(sd.raw_data->begin(),
-                                sd.raw_data->begin() + static_cast<std::ptrdiff_t>(n)),
-           rd.data);
-    } else {
-      d.eq(p + ".record_order", record_order(sd), rd.record_order);
-    }
-    d.eq(p + ".channel group count", sd.channel_groups.size(), rd.channel_groups.size());
-    for (size_t j = 0; j < std::min(sd.channel_groups.size(), rd.channel_groups.size()); ++j) {
-      const ChannelGroup& sg = sd.channel_groups[j];
-      const ReadChannelGroup& rg = rd.channel_groups[j];
-      const std::string q = p + ".cg[" + std::to_string(j) + "]";
-      d.eq(q + ".block_size", sg.block_size, rg.block_size);
-      d.eq(q + ".record_id", sg.record_id, rg.record_id);
-      d.eq(q + ".record_size", sg.record_size, rg.record_size);
-      d.eq(q + ".record_count", sg.record_count ? *sg.record_count : sg.records.size(),
-           size_t{rg.record_count});
-      d.eq(q + ".cn_count", sg.channels.size(), size_t{rg.cn_count});
-      d.eq(q + ".comment", opt_text(sg.comment), rg.comment);
-      if (!sd.raw_data) d.eq(q + ".records", sg.records, rg.records);
-      d.eq(q + ".sample reduction count", sg.sample_reductions.size(), rg.sample_reductions.size());
-      for (size_t k = 0; k < std::min(sg.sample_reductions.size(), rg.sample_reductions.size());
-           ++k) {
-        const std::string s = q + ".sr[" + std::to_string(k) + "]";
-        d.eq(s + ".sample_count", sg.sample_reductions[k].sample_count,
-             rg.sample_reductions[k].sample_count);
-        d.eq(s + ".interval", sg.sample_reductions[k].interval, rg.sample_reductions[k].interval);
-        d.eq(s + ".has data", !sg.sample_reductions[k].data.empty(),
-             rg.sample_reductions[k].data_link != 0);
-      }
-      d.eq(q + ".channel count", sg.channels.size(), rg.channels.size());
-      for (size_t k = 0; k < std::min(sg.channels.size(), rg.channels.size()); ++k)
-        compare_channel(d, q + ".cn[" + std::to_string(k) + "]", sg.channels[k], rg.channels[k]);
-    }
-  }
-  return d.out;
-}
 
 }  // namespace mdftest

@@ -20,7 +20,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <optional>
 #include <span>
@@ -54,20 +53,10 @@ struct ReadTrigger {
   std::vector<TriggerEvent> events;  // as many as the count says and the block holds
 };
 
-struct ReadSampleReduction {
-  uint32_t offset = 0;
-  uint32_t next_link = 0;
-  uint32_t data_link = 0;
-  uint32_t sample_count = 0;
-  double interval = 0;
-};
-
 struct ReadConversion : ConversionFields {
   uint32_t offset = 0;
   uint16_t block_size = 0;
   uint16_t param_count = 0;
-  std::vector<uint8_t> tail;          // block bytes from offset 46 on
-  std::vector<uint32_t> range_links;  // type 12: TX link of each entry
 };
 
 struct ReadExtension : ExtensionFields {  // record: block bytes from offset 6 on
@@ -113,9 +102,7 @@ struct ReadChannelGroup {
   uint16_t cn_count = 0;
   uint16_t record_size = 0;
   uint32_t record_count = 0;
-  uint32_t first_sr_link = 0;  // 0 if the block is shorter than 30
   std::optional<std::string> comment;
-  std::vector<ReadSampleReduction> sample_reductions;
   std::vector<ReadChannel> channels;
   std::vector<std::vector<uint8_t>> records;  // data bytes of each record, without ids
 };
@@ -134,7 +121,6 @@ struct ReadDataGroup {
   // The data section: from the data link, as many bytes as the declared records take
   // (sum of record_count * (record_size + record_ids)), cut at the end of the file.
   std::vector<uint8_t> data;
-  std::vector<size_t> record_order;  // channel-group index of each record found, in file order
 };
 
 struct BlockInfo {
@@ -155,35 +141,9 @@ struct ReadFile {
   std::string error_text() const;  // errors and warnings, one per line
   // All channel groups in file order; index + 1 is the library's group number.
   std::vector<const ReadChannelGroup*> channel_groups() const;
-  const ReadChannel* find_channel(std::string_view name) const;  // first with this short name
 };
 
-struct ReadOptions {
-  bool split_records = true;  // read the data sections and split them into records
-  // Decoding of every REAL in blocks; default IEEE little-endian. Set it to read VAX files.
-  std::function<double(std::span<const uint8_t, 8>)> decode_real;
-};
-
-ReadFile read_bytes(std::span<const uint8_t> bytes, const ReadOptions& options = {});
-ReadFile read_file(const std::filesystem::path& path, const ReadOptions& options = {});
-
-// Raw view of whatever lies at an offset: block id (2 chars), size field, and the size field's
-// bytes (fewer if the file ends first; complete says whether all were there). Nothing if not even
-// the 4-byte head is inside the file.
-struct RawBlock {
-  uint64_t offset = 0;
-  std::string id;
-  uint16_t size = 0;
-  std::vector<uint8_t> bytes;
-  bool complete = false;
-};
-std::optional<RawBlock> raw_block(std::span<const uint8_t> file, uint64_t offset);
-
-// Compares a file description with a file read back: every field that the description sets,
-// texts, conversion tails, records and record order. Returns one line per difference, so
-// EXPECT_TRUE(differences(file, read).empty()) checks reader(build(f)) against f. Links and
-// offsets are not compared (they depend on the layout), except that a dependency's targets are
-// compared as indices.
-std::vector<std::string> differences(const FileModel& file, const ReadFile& read);
+ReadFile read_bytes(std::span<const uint8_t> bytes);
+ReadFile read_file(const std::filesystem::path& path);
 
 }  // namespace mdftest
