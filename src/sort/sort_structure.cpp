@@ -37,11 +37,11 @@ int16_t Sorter::place(const Node* node) {
 int16_t Sorter::place_channel(Node* cn) {
   NodeTree& tree = tree_->tree;
   if (int16_t st = place(cn); st != 0) return st;
-  const KindSpec& spec = *kind_spec(kCN);
+  const KindSpec& desc = *kind_spec(kCN);
   const uint16_t size = cn->block_size();
-  for (uint8_t i = 0; i < spec.link_count; ++i) {
-    const LinkSpec& link = spec.links[i];
-    if (link.field == spec.next || size < link.from_size) continue;
+  for (uint8_t i = 0; i < desc.link_count; ++i) {
+    const LinkSpec& link = desc.links[i];
+    if (link.field == desc.next || size < link.from_size) continue;
     Node* target = resolve_link(tree, cn, link.field);
     if (int16_t st = place(target); st != 0) return st;
     if (target == nullptr || target->kind != kCC) continue;

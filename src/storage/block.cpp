@@ -22,8 +22,8 @@ namespace {
 // The smallest block of each kind whose fixed fields the library reads; a shorter block
 // cannot be used and ends the open.
 uint32_t minimum_size(uint16_t kind) {
-  const KindSpec* spec = kind_spec(kind);
-  return spec != nullptr ? spec->minimum_size : 4u;
+  const KindSpec* desc = kind_spec(kind);
+  return desc != nullptr ? desc->minimum_size : 4u;
 }
 
 // The identifiers a block read from a file may carry.
@@ -32,8 +32,8 @@ bool accepted_kind(uint16_t kind) {
 }
 
 uint32_t default_size(uint16_t kind) {
-  const KindSpec* spec = kind_spec(kind);
-  return spec != nullptr ? spec->default_size : 0u;
+  const KindSpec* desc = kind_spec(kind);
+  return desc != nullptr ? desc->default_size : 0u;
 }
 
 void fill_header_defaults(uint8_t* b) {
@@ -118,9 +118,9 @@ class FileReader {
   int16_t read_conversion(Node* cc);
   // Converts the fixed REAL fields of the block's kind.
   void convert_reals(Node* node) {
-    const KindSpec* spec = kind_spec(node->kind);
-    for (uint8_t i = 0; i < spec->real_count; ++i)
-      convert_real(node->image, spec->reals[i], float_format_);
+    const KindSpec* desc = kind_spec(node->kind);
+    for (uint8_t i = 0; i < desc->real_count; ++i)
+      convert_real(node->image, desc->reals[i], float_format_);
   }
   void convert_trigger(Node* tr);
   void convert_extension(Node* ce);
@@ -202,11 +202,11 @@ int16_t FileReader::read_channel(Node* cn) {
   // The blocks a channel links to, in the order of its link fields (the next channel aside:
   // the chain reads it). Blocks shared by several channels are read, and their REALs
   // converted, only once.
-  const KindSpec& spec = *kind_spec(kCN);
+  const KindSpec& desc = *kind_spec(kCN);
   const uint16_t size = cn->block_size();
-  for (uint8_t i = 0; i < spec.link_count; ++i) {
-    const LinkSpec& link = spec.links[i];
-    if (link.field == spec.next || size < link.from_size) continue;
+  for (uint8_t i = 0; i < desc.link_count; ++i) {
+    const LinkSpec& link = desc.links[i];
+    if (link.field == desc.next || size < link.from_size) continue;
     Node* node = nullptr;
     bool fresh = false;
     if (int16_t st = read_link(cn, link.field, link.target, &node, &fresh); st != 0) return st;
@@ -294,8 +294,8 @@ void FileReader::convert_trigger(Node* tr) {
 }  // namespace
 
 uint32_t image_extra(uint16_t kind) {
-  const KindSpec* spec = kind_spec(kind);
-  return spec != nullptr ? spec->extra : 0u;
+  const KindSpec* desc = kind_spec(kind);
+  return desc != nullptr ? desc->extra : 0u;
 }
 
 uint16_t link_fields(uint16_t kind, const uint8_t* image, uint32_t size, uint32_t* out,
@@ -304,12 +304,12 @@ uint16_t link_fields(uint16_t kind, const uint8_t* image, uint32_t size, uint32_
   auto add = [&](uint32_t field) {
     if (field + 4 <= size && n < capacity) out[n++] = field;
   };
-  const KindSpec* spec = kind_spec(kind);
-  if (spec == nullptr) return 0;
-  for (uint8_t i = 0; i < spec->link_count; ++i) {
-    if (size >= spec->links[i].from_size) add(spec->links[i].field);
+  const KindSpec* desc = kind_spec(kind);
+  if (desc == nullptr) return 0;
+  for (uint8_t i = 0; i < desc->link_count; ++i) {
+    if (size >= desc->links[i].from_size) add(desc->links[i].field);
   }
-  if (!spec->content_links) return n;
+  if (!desc->content_links) return n;
   if (kind == kCC) {
     if (image != nullptr && load_le16(image + cc::kType) == 12) {
       const uint32_t count = load_le16(image + cc::kCount);

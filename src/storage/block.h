@@ -62,9 +62,9 @@ class Chain {
     iterator(const NodeTree* tree, Node* node) : tree_(tree), node_(node) {}
     Node* operator*() const { return node_; }
     iterator& operator++() {
-      const layout::KindSpec* spec = layout::kind_spec(node_->kind);
-      node_ = spec != nullptr && spec->next != 0 && ++steps_ < tree_->size()
-                  ? resolve_link(*tree_, node_, spec->next)
+      const layout::KindSpec* desc = layout::kind_spec(node_->kind);
+      node_ = desc != nullptr && desc->next != 0 && ++steps_ < tree_->size()
+                  ? resolve_link(*tree_, node_, desc->next)
                   : nullptr;
       return *this;
     }
