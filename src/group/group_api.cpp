@@ -186,9 +186,11 @@ int16_t move_cursor(mdf_group* g, int32_t position, uint16_t mode) {
       g->record_index = target;
       g->record_position = data + static_cast<uint64_t>(stride) * target;
       g->record_pending = true;
-      g->pending_at = g->record_position + ids;
+      // The data follow the leading identifier; a second identifier, if any, trails them.
+      const uint32_t lead = ids != 0 ? 1u : 0u;
+      g->pending_at = g->record_position + lead;
       g->pending_length = record_size(g) + (ids == 2 ? 1u : 0u);
-      g->pending_record = kept + ids;
+      g->pending_record = kept + lead;
       g->pending_record_size = record_size(g);
       return g->buffer_shown ? load_record(g) : 0;
     }

@@ -199,6 +199,7 @@ TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGrou
     bool second_group;  // an interleaved channel group of other records (unsorted)
   };
   for (const Case& c : {Case{"sorted", 0, false}, Case{"sorted with ids", 1, false},
+                        Case{"sorted with two ids", 2, false},
                         Case{"unsorted, one id", 1, true}, Case{"unsorted, two ids", 2, true}}) {
     SCOPED_TRACE(c.name);
     std::mt19937 random(7);
