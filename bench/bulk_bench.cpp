@@ -117,76 +117,71 @@ void BM_Open(benchmark::State& state) {
 }
 BENCHMARK(BM_Open)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
 
-void BM_AllValuesArrays(benchmark::State& state) {
+// Every value of every channel of the file, read group by group by `per_group(group, channels,
+// sum)`, which adds the values it reads to `sum` and returns how many it read.
+template <class PerGroup>
+void all_values(benchmark::State& state, PerGroup per_group) {
   ensure_file();
-  std::vector<double> values(kRecords);
   uint64_t n = 0;
   double sum = 0;
   for (auto _ : state) {
     n = each_group([&](mdf_group* g, const std::vector<channelnode*>& channels) {
-      uint32_t records = 0;
-      check(mdfGrpRecords(&records, g), "mdfGrpRecords");
-      values.resize(records);
-      uint64_t read = 0;
-      for (channelnode* ch : channels) {
-        uint32_t done = 0;
-        check(mdfChnReadPhyArray(values.data(), &done, ch, 0, records), "mdfChnReadPhyArray");
-        sum += values[done / 2];
-        read += done;
-      }
-      return read;
+      return per_group(g, channels, sum);
     });
   }
   benchmark::DoNotOptimize(sum);
   report(state, n);
+}
+
+void BM_AllValuesArrays(benchmark::State& state) {
+  std::vector<double> values(kRecords);
+  all_values(state, [&](mdf_group* g, const std::vector<channelnode*>& channels, double& sum) {
+    uint32_t records = 0;
+    check(mdfGrpRecords(&records, g), "mdfGrpRecords");
+    values.resize(records);
+    uint64_t read = 0;
+    for (channelnode* ch : channels) {
+      uint32_t done = 0;
+      check(mdfChnReadPhyArray(values.data(), &done, ch, 0, records), "mdfChnReadPhyArray");
+      sum += values[done / 2];
+      read += done;
+    }
+    return read;
+  });
 }
 BENCHMARK(BM_AllValuesArrays)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
 
 void BM_AllValuesReadPhy(benchmark::State& state) {
-  ensure_file();
-  uint64_t n = 0;
-  double sum = 0;
-  for (auto _ : state) {
-    n = each_group([&](mdf_group* g, const std::vector<channelnode*>& channels) {
-      uint64_t read = 0;
-      for (channelnode* ch : channels) {
-        check(mdfGrpSeek(g, 0, MDF_SEEK_ABS), "mdfGrpSeek");
-        double v = 0;
-        while (mdfChnReadPhy(&v, ch) == 0) {
-          sum += v;
-          ++read;
-        }
+  all_values(state, [](mdf_group* g, const std::vector<channelnode*>& channels, double& sum) {
+    uint64_t read = 0;
+    for (channelnode* ch : channels) {
+      check(mdfGrpSeek(g, 0, MDF_SEEK_ABS), "mdfGrpSeek");
+      double v = 0;
+      while (mdfChnReadPhy(&v, ch) == 0) {
+        sum += v;
+        ++read;
       }
-      return read;
-    });
-  }
-  benchmark::DoNotOptimize(sum);
-  report(state, n);
+    }
+    return read;
+  });
 }
 BENCHMARK(BM_AllValuesReadPhy)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 void BM_AllValuesRowByRow(benchmark::State& state) {
-  ensure_file();
-  uint64_t n = 0;
-  double sum = 0;
-  for (auto _ : state) {
-    n = each_group([&](mdf_group* g, const std::vector<channelnode*>& channels) {
-      uint64_t read = 0;
-      int16_t st = mdfGrpSeek(g, 0, MDF_SEEK_ABS);
-      while (st == 0) {
-        for (channelnode* ch : channels) {
-          double v = 0;
-          check(mdfChnGetPhy(&v, ch, 0), "mdfChnGetPhy");
-          sum += v;
-        }
-        read += channels.size();
-        st = mdfGrpSeek(g, 1, MDF_SEEK_REL);
+  all_values(state, [](mdf_group* g, const std::vector<channelnode*>& channels, double& sum) {
+    uint64_t read = 0;
+    int16_t st = mdfGrpSeek(g, 0, MDF_SEEK_ABS);
+    while (st == 0) {
+      for (channelnode* ch : channels) {
+        double v = 0;
+        check(mdfChnGetPhy(&v, ch, 0), "mdfChnGetPhy");
+        sum += v;
       }
-      return read;
-    });
-  }
-  benchmark::DoNotOptimize(sum);
-  report(state, n);
+      read += channels.size();
+      st = mdfGrpSeek(g, 1, MDF_SEEK_REL);
+    }
+    return read;
+  });
 }
 BENCHMARK(BM_AllValuesRowByRow)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
