@@ -76,11 +76,6 @@ const void* parameters_out(const Node* cc, uint32_t needed, std::vector<uint8_t>
   return spare.data();
 }
 
-std::vector<uint8_t> g_form_spare;
-std::vector<uint8_t> g_tab_spare;
-std::vector<uint8_t> g_vtab_spare;
-std::vector<uint8_t> g_vtabr_spare;
-
 // Hands out type and unit; the common first step of the table getters.
 void head_outs(const Node* cc, uint16_t* type, const char** unit) {
   if (type != nullptr) *type = type_of(cc);
@@ -176,8 +171,8 @@ KORVEL_API int16_t mdfChnGetForm(channelnode* channel, uint16_t* type, const cha
       const uint16_t t = type_of(cc);
       const uint32_t needed =
           std::max(load_le16(cc->image + cc::kCount) * entry_bytes(t), 8 * parameters_taken(t));
-      *params =
-          t == MDF_CC_FRM_TXT ? cc->image + cc::kParams : parameters_out(cc, needed, g_form_spare);
+      *params = t == MDF_CC_FRM_TXT ? cc->image + cc::kParams
+                                    : parameters_out(cc, needed, state().kept.form_spare);
     }
     return 0;
   });
@@ -191,7 +186,7 @@ KORVEL_API int16_t mdfChnGetFormTab(channelnode* channel, uint16_t* type, const 
     if (cc == nullptr) return raise(MDF_NO_FORMULA, "");
     head_outs(cc, type, unit);
     return table_outs(cc, MDF_CC_FRM_ITAB, MDF_CC_FRM_TAB, MDF_NOT_A_TABLE, count, points,
-                      g_tab_spare);
+                      state().kept.tab_spare);
   });
 }
 
@@ -203,7 +198,7 @@ KORVEL_API int16_t mdfChnGetFormVTab(channelnode* channel, uint16_t* type, const
     if (cc == nullptr) return raise(MDF_NO_FORMULA, "");
     head_outs(cc, type, unit);
     return table_outs(cc, MDF_CC_FRM_VTAB, MDF_CC_FRM_VTAB, MDF_NOT_A_VTAB, count, entries,
-                      g_vtab_spare);
+                      state().kept.vtab_spare);
   });
 }
 
@@ -218,7 +213,7 @@ KORVEL_API int16_t mdfChnGetFormVTabR(channelnode* channel, uint16_t* type, cons
     if (offset != nullptr) *offset = cc_extra_offset(cc->image);
     if (factor != nullptr) *factor = cc_extra_factor(cc->image);
     return table_outs(cc, MDF_CC_FRM_VTABR, MDF_CC_FRM_VTABR, MDF_NOT_A_VTABR, count, entries,
-                      g_vtabr_spare);
+                      state().kept.vtabr_spare);
   });
 }
 

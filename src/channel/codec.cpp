@@ -3,14 +3,12 @@
 
 namespace korvel {
 
-uint64_t g_channel_image_generation = 0;
-
 const ArrayPlan& ChannelCodec::rebuild(ValueKind kind, const Node* cn, const Node* cc,
                                        std::size_t record_size) {
   Slot& s = slots[static_cast<uint8_t>(kind)];
   s.plan = plan_array(kind, cn != nullptr ? cn->image : nullptr,
                       cc != nullptr ? cc->image : nullptr, record_size);
-  s.generation = g_channel_image_generation;
+  s.generation = state().kept.channel_image_generation;
   s.cn = cn;
   s.cc = cc;
   s.record_size = record_size;

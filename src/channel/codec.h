@@ -13,15 +13,13 @@
 #include <cstdint>
 
 #include "channel/decode_array.h"
+#include "frame/frame.h"
 #include "storage/node.h"
 
 namespace korvel {
 
-// Counts the changes of CN and CC images that decoding depends on.
-extern uint64_t g_channel_image_generation;
-
 inline void channel_images_changed() {
-  ++g_channel_image_generation;
+  ++state().kept.channel_image_generation;
 }
 
 struct ChannelCodec {
@@ -39,16 +37,15 @@ struct ChannelCodec {
   // bytes of record data, made again only when something it was made from changed.
   const ArrayPlan& plan(ValueKind kind, const Node* cn, const Node* cc, std::size_t record_size) {
     const Slot& s = slots[static_cast<uint8_t>(kind)];
-    if (s.valid && s.generation == g_channel_image_generation && s.cn == cn && s.cc == cc &&
-        s.record_size == record_size) {
+    if (s.valid && s.generation == state().kept.channel_image_generation && s.cn == cn &&
+        s.cc == cc && s.record_size == record_size) {
       return s.plan;
     }
     return rebuild(kind, cn, cc, record_size);
   }
 
  private:
-  const ArrayPlan& rebuild(ValueKind kind, const Node* cn, const Node* cc,
-                           std::size_t record_size);
+  const ArrayPlan& rebuild(ValueKind kind, const Node* cn, const Node* cc, std::size_t record_size);
 };
 
 }  // namespace korvel

@@ -9,6 +9,7 @@
 
 #include "convert/formula.h"
 #include "frame/bytes.h"
+#include "frame/frame.h"
 #include "korvel.h"
 #include "storage/layout.h"
 
@@ -138,8 +139,8 @@ std::shared_ptr<const CompiledFormula> compile_block_formula(const uint8_t* cc) 
 // sorting): the last text compiled here is kept, so converting value after value through the
 // same text compiles it once. A text equal to the kept one is normalised already.
 const CompiledFormula& last_formula(const uint8_t* cc) {
-  static std::string text;
-  static std::shared_ptr<const CompiledFormula> compiled;
+  std::string& text = state().kept.last_formula_text;
+  std::shared_ptr<const void>& compiled = state().kept.last_formula_program;
   const std::span<const char> span = formula_text(cc);
   std::size_t n = 0;
   while (n < span.size() && span[n] != '\0') ++n;
@@ -147,7 +148,7 @@ const CompiledFormula& last_formula(const uint8_t* cc) {
     compiled = compile_block_formula(cc);
     text.assign(span.data(), n);
   }
-  return *compiled;
+  return *static_cast<const CompiledFormula*>(compiled.get());
 }
 
 double ln(double v) {

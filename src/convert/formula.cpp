@@ -19,6 +19,8 @@
 #include <system_error>
 #include <vector>
 
+#include "frame/frame.h"
+
 namespace korvel {
 namespace {
 
@@ -197,15 +199,7 @@ struct Entry {
   uint32_t b = 0;        // Colon: the value of the then-branch
 };
 
-// Process-wide evaluator state; callers make one call at a time.
-struct FormulaState {
-  double x = 0.0;
-  double result = 0.0;
-  double run_min = 0.0;  // running pair shared by every MIN and MAX of an evaluation
-  double run_max = 0.0;
-  uint32_t random_seed = 1;
-  const char* message = nullptr;  // why the last evaluation ended with status 7, or null
-};
+using FormulaState = FormulaRun;  // process-wide; callers make one call at a time
 
 // The text a lexer reads: upper-cased, up to its first zero byte.
 struct Source {
@@ -215,8 +209,7 @@ struct Source {
 };
 
 FormulaState& formula_state() {
-  static FormulaState state;
-  return state;
+  return state().kept.formula;
 }
 
 bool is_space(char c) {
@@ -557,17 +550,32 @@ Entry mark_entry(Mark mark, Tok op, uint8_t weight) {
 // The operations of a compiled program; the registers are named in CompiledFormula::Op.
 enum Code : uint8_t {
   // dst = a <op> b; the binary operators in the order of kBinaryTokens
-  kAdd, kSub, kMul, kDiv, kRem, kPower, kShiftLeft, kShiftRight, kBitOr, kBitAnd, kBitXor,
-  kLess, kLessEq, kGreater, kGreaterEq, kEqual, kNotEqual,
-  kNegate,   // dst = -a
-  kInvert,   // dst = ~a as a 32-bit integer
-  kNot,      // dst = !a
-  kAnd,      // dst = a && b
-  kOr,       // dst = a || b
-  kSelect,   // dst = a ? b : c
-  kCall,     // dst = fn(a) (LN and LOG of 0 fail)
-  kBool,     // dst = a as a condition
-  kPow,      // dst = a to the power b
+  kAdd,
+  kSub,
+  kMul,
+  kDiv,
+  kRem,
+  kPower,
+  kShiftLeft,
+  kShiftRight,
+  kBitOr,
+  kBitAnd,
+  kBitXor,
+  kLess,
+  kLessEq,
+  kGreater,
+  kGreaterEq,
+  kEqual,
+  kNotEqual,
+  kNegate,  // dst = -a
+  kInvert,  // dst = ~a as a 32-bit integer
+  kNot,     // dst = !a
+  kAnd,     // dst = a && b
+  kOr,      // dst = a || b
+  kSelect,  // dst = a ? b : c
+  kCall,    // dst = fn(a) (LN and LOG of 0 fail)
+  kBool,    // dst = a as a condition
+  kPow,     // dst = a to the power b
   // Operations from here on use or change the process-wide state, or X.
   kSetPair,  // the running MIN/MAX pair = (a, b)
   kWiden,    // the running pair takes in a
@@ -578,9 +586,9 @@ enum Code : uint8_t {
 };
 
 constexpr Tok kBinaryTokens[] = {
-    Tok::Plus,       Tok::Minus,  Tok::Star,   Tok::Slash,     Tok::Percent, Tok::Caret,
-    Tok::ShiftLeft,  Tok::ShiftRight, Tok::BitOr, Tok::BitAnd, Tok::BitXor, Tok::Less,
-    Tok::LessEq,     Tok::Greater, Tok::GreaterEq, Tok::Equal,  Tok::NotEqual,
+    Tok::Plus,      Tok::Minus,      Tok::Star,      Tok::Slash,  Tok::Percent,  Tok::Caret,
+    Tok::ShiftLeft, Tok::ShiftRight, Tok::BitOr,     Tok::BitAnd, Tok::BitXor,   Tok::Less,
+    Tok::LessEq,    Tok::Greater,    Tok::GreaterEq, Tok::Equal,  Tok::NotEqual,
 };
 
 Code binary_code(Tok t) {
@@ -780,8 +788,7 @@ class Compiler {
   // A new register computed by `code`. An operation on constants alone that neither fails
   // nor touches the process-wide state is carried out now: its register becomes a constant
   // of the same value.
-  uint32_t emit(Code code, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0,
-                UnaryFn fn = nullptr) {
+  uint32_t emit(Code code, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0, UnaryFn fn = nullptr) {
     const uint32_t dst = constant(0.0);
     const CompiledFormula::Op op{code, dst, a, b, c, fn};
     if (code < kSetPair) {

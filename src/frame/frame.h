@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -32,11 +33,11 @@ struct ChannelCache {
 // Texts that the channel functions hand out and that are not pointers into block images.
 // Each is overwritten by the next call that hands out the same kind of text.
 struct ChannelTexts {
-  char name[33] = {};          // a short name that fills its 32-character field, terminated
-  char description[129] = {};  // a description that fills its 128-character field, terminated
+  char name[33] = {};           // a short name that fills its 32-character field, terminated
+  char description[129] = {};   // a description that fills its 128-character field, terminated
   char fallback_name[33] = {};  // mdfChnGetLongName's short-name fallback
-  std::string long_name;     // mdfChnGetInfoExt's long name
-  std::string display_name;  // mdfChnGetInfoExt's display name
+  std::string long_name;        // mdfChnGetInfoExt's long name
+  std::string display_name;     // mdfChnGetInfoExt's display name
 };
 
 // The progress protocol of the sort running now (its parameters, the time and percentage
@@ -46,6 +47,18 @@ struct SortProgress {
   uint32_t last_tick = 0;
   uint32_t last_percent = 0;
   uint32_t (*tick)() = nullptr;  // replaces the system tick when set (for tests)
+};
+
+// The running state of the formula evaluator: the variable of the evaluation in progress,
+// its result, the pair shared by every MIN and MAX of one evaluation, the seed of RAND and
+// why the last evaluation ended with status 7 (or null).
+struct FormulaRun {
+  double x = 0.0;
+  double result = 0.0;
+  double run_min = 0.0;
+  double run_max = 0.0;
+  uint32_t random_seed = 1;
+  const char* message = nullptr;
 };
 
 // All process-wide state of the library, in one place. The library starts no threads and
@@ -76,9 +89,9 @@ struct LibraryState {
     CloseGroupsHook close_groups = nullptr;
     char module_path[256] = {};  // path of the library module, filled at load (LibMain)
     // Log and message texts.
-    std::FILE* log = nullptr;        // "KORVEL.LOG", opened at the first line, never closed
-    char user_text_file[261] = {};   // mdfSetUsrTextFile's file name
-    char text_result[128] = {};      // mdfGetTextStrF's result
+    std::FILE* log = nullptr;       // "KORVEL.LOG", opened at the first line, never closed
+    char user_text_file[261] = {};  // mdfSetUsrTextFile's file name
+    char text_result[128] = {};     // mdfGetTextStrF's result
     // Storage. The I/O unit's open files stay known whatever happens to the sessions, so
     // that no descriptor and no buffered byte is lost.
     io::FileRecord* io_files = nullptr;  // open files, the one used last first
@@ -89,6 +102,22 @@ struct LibraryState {
     // Channels and groups.
     ChannelTexts channel_texts;
     uint64_t time_probes = 0;  // records read by time searches; for measurements
+    // Blocks being written: the copy of one block with its links patched.
+    std::vector<uint8_t> emit_scratch;
+    // Conversions. The formula evaluator's state; the text of the formula compiled last for
+    // a conversion without a prepared rule and its program (a compiled formula, typed by
+    // the conversion unit), so that value after value through one text compiles it once.
+    FormulaRun formula;
+    std::string last_formula_text;
+    std::shared_ptr<const void> last_formula_program;
+    // Changes of CN and CC images that prepared channel codings depend on; a plan made at
+    // an older count is made again.
+    uint64_t channel_image_generation = 0;
+    // Rule parameters handed out for a CC block shorter than its rule needs (zero-padded),
+    // by getter: formula, table, value table, value-range table.
+    std::vector<uint8_t> form_spare, tab_spare, vtab_spare, vtabr_spare;
+    // Trigger events handed out for a TR block that counts more than it holds.
+    std::vector<uint8_t> padded_events;
     // Sorting.
     SortProgress sort_progress;
   } kept;

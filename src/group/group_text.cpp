@@ -18,10 +18,6 @@ using namespace layout;
 
 constexpr const char* kUnit = "MDFGRP4";
 
-// The events handed out for a TR block that counts more events than it holds: the events
-// it holds, then zeros up to the count. Valid until the next call that needs it.
-std::vector<uint8_t> g_padded_events;
-
 int16_t make_text(mdf_file* file, const char* text, Node** out) {
   const std::size_t length = std::strlen(text);
   if (length > 0xFFFFu - 5u) return raise(MDF_ERR_FORMAT, "");
@@ -39,11 +35,13 @@ const uint8_t* event_records(const Node* tr, uint16_t count) {
   const uint32_t size = tr->block_size();
   const uint32_t needed = tr::kEvents + tr::kEvent * count;
   if (needed <= size) return tr->image + tr::kEvents;
-  g_padded_events.assign(std::size_t{tr::kEvent} * count, 0);
+  // The events it holds, then zeros up to the count; valid until the next call that needs it.
+  std::vector<uint8_t>& padded = state().kept.padded_events;
+  padded.assign(std::size_t{tr::kEvent} * count, 0);
   if (size > tr::kEvents) {
-    std::memcpy(g_padded_events.data(), tr->image + tr::kEvents, size - tr::kEvents);
+    std::memcpy(padded.data(), tr->image + tr::kEvents, size - tr::kEvents);
   }
-  return g_padded_events.data();
+  return padded.data();
 }
 
 int16_t get_text(mdf_group* g, const char** text) {

@@ -19,8 +19,7 @@ bool valid_for_writing(const Node* node) {
 
 // Room for the copy of one block being written into its own file.
 std::vector<uint8_t>& scratch() {
-  static std::vector<uint8_t> bytes;
-  return bytes;
+  return state().kept.emit_scratch;
 }
 
 int16_t emit_into_scratch(mdf_file* file, const Placement& placement, Node* node,
