@@ -724,6 +724,31 @@ KORVEL_API int16_t mdfGrpReadTimeArray(double* times, uint32_t* done, mdf_group*
 KORVEL_API int16_t mdfChnReadBytesArray(uint8_t* buffer, uint32_t width, uint32_t* done,
                                         channelnode* channel, uint32_t first, uint32_t count);
 
+/* Several channels at once, for callers that pay for every call (bindings to other
+ * languages): each is the same as calling the one-channel function on each in turn.
+ *
+ * mdfGrpOpenChannels opens channels first .. first + count - 1 (1-based, as mdfChnOpen) of
+ * the group into channels[0 .. count-1]; at the first channel that does not exist it stops
+ * with 1002 (raised), that slot and the ones after it NULL, the handles before it open.
+ *
+ * mdfChnGetInfoArrays hands out mdfChnGetInfo's type, bit count and data type of each
+ * channel into arrays of `count` (any may be NULL), and the short names into `names`,
+ * 33 bytes a channel: the name up to its first zero byte (at most 32 characters), the rest
+ * of the slot zero. A bad handle among them gives -1003 before anything is stored.
+ *
+ * mdfChnReadPhyArrays reads the physical values of `channel_count` channels of one group
+ * (-2011 for channels of different groups) over the same records, channel i into
+ * values[i * count .. i * count + count - 1], each as mdfChnReadPhyArray reads it. *done is
+ * the number of values in each row. The status is that of the first channel whose status is
+ * not 0 or 1, else 1 when the group ends before `count` values, else 0; a negative status
+ * stops the reading (rows after that channel are not stored). */
+KORVEL_API int16_t mdfGrpOpenChannels(channelnode** channels, mdf_group* group, uint16_t first,
+                                      uint16_t count);
+KORVEL_API int16_t mdfChnGetInfoArrays(uint16_t* types, uint16_t* bits, uint16_t* valueTypes,
+                                       char* names, channelnode* const* channels, uint16_t count);
+KORVEL_API int16_t mdfChnReadPhyArrays(double* values, uint32_t* done, channelnode* const* channels,
+                                       uint16_t channel_count, uint32_t first, uint32_t count);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

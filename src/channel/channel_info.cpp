@@ -2,6 +2,7 @@
 // sampling rate, position and value ranges. Properties live in the CN block image (and the
 // CC block image for the physical range); texts handed out point into those images, into TX
 // block images, or into the static buffers below.
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <string>
@@ -182,6 +183,31 @@ KORVEL_API int16_t mdfChnGetInfo(channelnode* channel, uint16_t* type, uint16_t*
                                  const char** text) {
   return channel_call(kUnit, channel, [&]() -> int16_t {
     get_info(channel, type, bits, valueType, name, desc, text);
+    return 0;
+  });
+}
+
+KORVEL_API int16_t mdfChnGetInfoArrays(uint16_t* types, uint16_t* bits, uint16_t* valueTypes,
+                                       char* names, channelnode* const* channels, uint16_t count) {
+  return checked_call(kUnit, [&]() -> int16_t {
+    if (channels == nullptr && count != 0) return internal_error(kUnit, __LINE__);
+    for (uint16_t i = 0; i < count; ++i) {
+      if (!is_channel(channels[i])) return bad_channel();
+    }
+    for (uint16_t i = 0; i < count; ++i) {
+      get_info(channels[i], types != nullptr ? types + i : nullptr,
+               bits != nullptr ? bits + i : nullptr,
+               valueTypes != nullptr ? valueTypes + i : nullptr, nullptr, nullptr, nullptr);
+      if (names != nullptr) {
+        // The name field may fill its 32 characters: copied up to its first zero, terminated.
+        const uint8_t* field = channels[i]->cn->image + cn::kName;
+        char* slot = names + std::size_t{i} * (cn::kNameLength + 1);
+        std::size_t n = 0;
+        while (n < cn::kNameLength && field[n] != 0) ++n;
+        std::memcpy(slot, field, n);
+        std::fill(slot + n, slot + cn::kNameLength + 1, '\0');
+      }
+    }
     return 0;
   });
 }

@@ -299,6 +299,21 @@ KORVEL_API int16_t mdfChnOpen(channelnode** channel, mdf_group* group, uint16_t 
   });
 }
 
+KORVEL_API int16_t mdfGrpOpenChannels(channelnode** channels, mdf_group* group, uint16_t first,
+                                      uint16_t count) {
+  return checked_call(kUnit, [&]() -> int16_t {
+    if (channels != nullptr) std::fill(channels, channels + count, nullptr);
+    if (!is_group(group)) return bad_group();
+    if (channels == nullptr && count != 0) return internal_error(kUnit, __LINE__);
+    for (uint32_t i = 0; i < count; ++i) {
+      if (first + i > 0xFFFFu) return raise(MDF_CHANNEL_NOT_FOUND, "");
+      const int16_t st = open_by_index(&channels[i], group, static_cast<uint16_t>(first + i));
+      if (st != 0) return st;
+    }
+    return 0;
+  });
+}
+
 KORVEL_API int16_t mdfChnOpenName(channelnode** channel, mdf_group* group, const char* name) {
   return checked_call(kUnit, [&]() -> int16_t {
     if (channel != nullptr) *channel = nullptr;

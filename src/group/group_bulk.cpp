@@ -24,8 +24,7 @@ const uint8_t* image_of(const Node* node) {
 }
 
 // The record at the cursor through the single-value decoders.
-void decode_current(mdf_group* g, ValueKind kind, const uint8_t* cn, const uint8_t* cc,
-                    void* out) {
+void decode_current(mdf_group* g, ValueKind kind, const uint8_t* cn, const uint8_t* cc, void* out) {
   const std::span<const uint8_t> record = record_span(g);
   switch (kind) {
     case ValueKind::hex:
@@ -74,8 +73,8 @@ int16_t for_each_run(mdf_group* g, const Span& s, uint32_t* done, Visit&& visit)
 }
 
 // Values of kind `kind` of the channel (cn, cc) of group g into values (double or uint64_t).
-int16_t read_values(mdf_group* g, const uint8_t* cn, const uint8_t* cc, ValueKind kind, void* values,
-                    uint32_t* done_out, uint32_t first, uint32_t count) {
+int16_t read_values(mdf_group* g, const uint8_t* cn, const uint8_t* cc, ValueKind kind,
+                    void* values, uint32_t* done_out, uint32_t first, uint32_t count) {
   if (done_out != nullptr) *done_out = 0;
   if (values == nullptr && count != 0) return internal_error(kChannelUnit, __LINE__);
   const Span s = records_to_read(g, first, count);
@@ -181,6 +180,34 @@ KORVEL_API int16_t mdfChnReadBytesArray(uint8_t* buffer, uint32_t width, uint32_
                                         channelnode* channel, uint32_t first, uint32_t count) {
   return channel_call(channel, [&] {
     return read_bytes(channel->group, channel->cn->image, buffer, width, done, first, count);
+  });
+}
+
+KORVEL_API int16_t mdfChnReadPhyArrays(double* values, uint32_t* done, channelnode* const* channels,
+                                       uint16_t channel_count, uint32_t first, uint32_t count) {
+  return checked_call(kChannelUnit, [&]() -> int16_t {
+    if (done != nullptr) *done = 0;
+    if (channels == nullptr && channel_count != 0) return internal_error(kChannelUnit, __LINE__);
+    for (uint16_t i = 0; i < channel_count; ++i) {
+      if (!is_channel(channels[i])) return raise(MDF_ERR_BAD_CHANNEL, "");
+      if (channels[i]->group != channels[0]->group) return internal_error(kChannelUnit, __LINE__);
+    }
+    if (values == nullptr && channel_count != 0 && count != 0) {
+      return internal_error(kChannelUnit, __LINE__);
+    }
+    // Every row reads the same records, so every row holds as many values; the status is
+    // the first one that says more than that the group ends.
+    int16_t result = 0;
+    for (uint16_t i = 0; i < channel_count; ++i) {
+      channelnode* ch = channels[i];
+      uint32_t row_done = 0;
+      const int16_t st = read_values(ch->group, ch->cn->image, image_of(ch->cc), ValueKind::phy,
+                                     values + std::size_t{i} * count, &row_done, first, count);
+      if (done != nullptr) *done = row_done;
+      if (st < 0) return st;
+      if (result == 0 || (result == MDF_END_OF_GROUP && st != 0)) result = st;
+    }
+    return result;
   });
 }
 
