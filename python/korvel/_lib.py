@@ -109,6 +109,11 @@ _PROTOTYPES = {
     "mdfChnReadHexIntArray": (c_int16, [_vp, _pu32, _vp, c_uint32, c_uint32]),
     "mdfGrpReadTimeArray": (c_int16, [_vp, _pu32, _vp, c_uint32, c_uint32]),
     "mdfChnReadBytesArray": (c_int16, [_vp, c_uint32, _pu32, _vp, c_uint32, c_uint32]),
+    # Several channels in one call: handles and properties of a range of channels, and the
+    # physical values of channels of one group into consecutive rows.
+    "mdfGrpOpenChannels": (c_int16, [_vp, _vp, c_uint16, c_uint16]),
+    "mdfChnGetInfoArrays": (c_int16, [_vp, _vp, _vp, _vp, _vp, c_uint16]),
+    "mdfChnReadPhyArrays": (c_int16, [_vp, _pu32, _vp, c_uint16, c_uint32, c_uint32]),
     "mdfSort": (c_int16, [c_char_p, c_char_p]),
     "mdfSortWithProgress": (c_int16, [POINTER(SortParams)]),
     "mdfTestSort": (c_int16, [c_char_p]),

@@ -246,6 +246,7 @@ class Group:
         self._token: Optional[object] = None
         self._owner: Optional[object] = None
         self._channels: Optional[ChannelList] = None
+        self._table: Optional[_ChannelTable] = None
         self._count = 0
         self._count_token: Optional[object] = None
 
@@ -315,40 +316,31 @@ class Group:
         """The channels, time channel included, by index (0-based) or by name."""
         with lock:
             if self._channels is None:
-                n = c_uint16()
-                check(_lib.lib().mdfGrpChannels(byref(n), self._h()), repr(self))
-                self._channels = ChannelList([Channel(self, i) for i in range(1, n.value + 1)])
-                self._open_channels()
+                n = len(self._channel_table().handles)
+                self._channels = ChannelList([Channel(self, i) for i in range(1, n + 1)])
             return self._channels
 
-    def _open_channels(self) -> List["Channel"]:
-        """Every channel with its handle in the current group handle and its properties, in
-        one pass of two library calls per channel (a group may have thousands); call with
-        the lock held."""
-        channels = self.channels._channels
+    def _channel_table(self) -> "_ChannelTable":
+        """Every channel opened in the current group handle, with its name, type, bits and
+        data type, in three library calls for the whole group (a group may have thousands
+        of channels); call with the lock held."""
         gh = self._h()
-        token = self._token
+        table = self._table
+        if table is not None and table.token is self._token:
+            return table
         L = _lib.lib()
-        open_channel, get_info, string_at = L.mdfChnOpen, L.mdfChnGetInfo, ctypes.string_at
-        handle = c_void_p()
-        handle_ref = byref(handle)
-        kind, bits, value_type, name = c_uint16(), c_uint16(), c_uint16(), c_void_p()
-        refs = (byref(kind), byref(bits), byref(value_type), byref(name), None, None)
-        for ch in channels:
-            if ch._owner is not token:
-                status = open_channel(handle_ref, gh, ch.index)
-                if status != 0:
-                    check(status, ch._where(), fail=(Status.CHANNEL_NOT_FOUND,))
-                ch._handle, ch._owner = handle.value, token
-            if ch._props is None:
-                status = get_info(ch._handle, *refs)
-                if status != 0:
-                    check(status, ch._where())
-                t, b = value_type.value, bits.value
-                ch._props = {"name": string_at(name.value).decode("latin-1") if name.value
-                             else "", "is_time": kind.value == 1, "bits": b,
-                             "data_type": t, "dtype": _dtype_of(t, b)}
-        return channels
+        count = c_uint16()
+        check(L.mdfGrpChannels(byref(count), gh), repr(self))
+        n = count.value
+        handles = (c_void_p * n)()
+        kinds, bits, types = (c_uint16 * n)(), (c_uint16 * n)(), (c_uint16 * n)()
+        names = ctypes.create_string_buffer(33 * n)
+        if n:
+            check(L.mdfGrpOpenChannels(handles, gh, 1, n), repr(self))
+            check(L.mdfChnGetInfoArrays(kinds, bits, types, names, handles, n), repr(self))
+        self._table = _ChannelTable(self._token, handles, names.raw, list(kinds), list(bits),
+                                    list(types))
+        return self._table
 
     def __getitem__(self, key: Union[int, str]) -> "Channel":
         return self.channels[key]
@@ -381,38 +373,35 @@ class Group:
     def arrays(self, raw: bool = False) -> Dict[str, np.ndarray]:
         """Every channel's values, by name in channel order (a repeated name gets "_"
         appended), as :meth:`Channel.values` gives them. Physical values of all numeric
-        channels are read into one block, one library call per channel."""
+        channels are read into one block in one library call."""
         with lock:
-            channels = self._open_channels()
+            table = self._channel_table()
             records = self._records()
-            names: List[str] = []
-            taken = set()
-            for ch in channels:
-                name = ch._props["name"]
-                while name in taken:  # channel names need not be unique
-                    name += "_"
-                names.append(name)
-                taken.add(name)
             result: Dict[str, np.ndarray] = {}
-            rows = [] if raw else [i for i, ch in enumerate(channels)
-                                   if ch._props["dtype"].kind not in "SV"]
+            rows = [] if raw else table.numeric
             if rows:
-                L = _lib.lib()
                 block = np.empty((len(rows), records), dtype=np.float64)
-                base, stride = block.ctypes.data, records * 8
-                read = L.mdfChnReadPhyArray
                 done = c_uint32()
-                done_ref = byref(done)
-                for row, i in enumerate(rows):
-                    ch = channels[i]
-                    status = read(base + row * stride, done_ref, ch._handle, 0, records)
-                    if status != 0:
-                        _check_values(status, ch._where())
-                    result[names[i]] = block[row, : done.value]
-            for i, ch in enumerate(channels):
-                if names[i] not in result:
-                    result[names[i]] = ch.values(raw=raw)
-            return {name: result[name] for name in names}
+                status = _lib.lib().mdfChnReadPhyArrays(block.ctypes.data, byref(done),
+                                                        table.numeric_handles, len(rows), 0,
+                                                        records)
+                if status not in (0, Status.END_OF_GROUP):
+                    # Read again channel by channel, so that the status names its channel.
+                    read = _lib.lib().mdfChnReadPhyArray
+                    for row, i in enumerate(rows):
+                        status = read(block[row].ctypes.data, byref(done), table.handles[i], 0,
+                                      records)
+                        if status != 0:
+                            _check_values(status, self.channels[i]._where())
+                if done.value < records:
+                    block = block[:, : done.value]
+                result = dict(zip(table.numeric_keys, block))
+            if len(result) == len(table.keys):
+                return result
+            for i, key in enumerate(table.keys):
+                if key not in result:
+                    result[key] = self.channels[i].values(raw=raw)
+            return {key: result[key] for key in table.keys}
 
     def to_pandas(self, raw: bool = False):
         """The group as a pandas DataFrame: index the time (named after the time channel;
@@ -464,6 +453,39 @@ def _span(records: int, first: int, count: Optional[int]) -> int:
     if first > 0xFFFFFFFF or count > 0xFFFFFFFF:
         raise IndexError("record indexes are 32-bit")
     return count
+
+
+class _ChannelTable:
+    """The channels of one group handle: their handles, names and types, and which of them
+    are numeric (read into one block of physical values)."""
+
+    __slots__ = ("token", "handles", "names", "kinds", "bits", "types", "keys", "numeric",
+                 "numeric_keys", "numeric_handles")
+
+    def __init__(self, token: object, handles, names: bytes, kinds: List[int],
+                 bits: List[int], types: List[int]) -> None:
+        self.token = token
+        self.handles = handles
+        # 33 bytes a name: the name, then zeros (a name holds no zero byte).
+        text = names.decode("latin-1")
+        self.names = [text[i:i + 33].rstrip("\0") for i in range(0, len(text), 33)]
+        self.kinds, self.bits, self.types = kinds, bits, types
+        keys = self.names
+        if len(set(keys)) != len(keys):
+            keys, taken = [], set()
+            for name in self.names:
+                while name in taken:  # channel names need not be unique
+                    name += "_"
+                keys.append(name)
+                taken.add(name)
+        self.keys = keys
+        self.numeric = [i for i, t in enumerate(types) if t != STRING and t != BYTES]
+        self.numeric_keys = [keys[i] for i in self.numeric]
+        if len(self.numeric) == len(types):
+            self.numeric_handles = handles
+        else:
+            self.numeric_handles = (c_void_p * len(self.numeric))(
+                *[handles[i] for i in self.numeric])
 
 
 class ChannelList(Sequence["Channel"]):
@@ -522,20 +544,15 @@ class Channel:
     def __init__(self, group: Group, index: int) -> None:
         self.group = group
         self.index = index  # 1-based within the group, time channel included
-        self._handle: Optional[int] = None
-        self._owner: Optional[object] = None
         self._props: Optional[Dict[str, object]] = None
 
     def _h(self) -> int:
-        """The channel handle, opened when first needed; call with the lock held."""
-        gh = self.group._h()
-        if self._handle is None or self._owner is not self.group._token:
-            handle = c_void_p()
-            check(_lib.lib().mdfChnOpen(byref(handle), gh, self.index), self._where(),
-                  fail=(Status.CHANNEL_NOT_FOUND,))
-            self._handle = handle.value
-            self._owner = self.group._token
-        return self._handle
+        """The channel handle, opened with its group's channels when first needed; call with
+        the lock held."""
+        handle = self.group._channel_table().handles[self.index - 1]
+        if handle is None:  # the group's chain ends before its channel count
+            check(Status.CHANNEL_NOT_FOUND, self._where(), fail=(Status.CHANNEL_NOT_FOUND,))
+        return handle
 
     def _where(self) -> str:
         return f"{self.group.file.path} group {self.group.number} channel {self.index}"
@@ -551,12 +568,10 @@ class Channel:
         if self._props is not None:
             return self._props
         with lock:
-            kind, bits, value_type, name = c_uint16(), c_uint16(), c_uint16(), c_void_p()
-            check(_lib.lib().mdfChnGetInfo(self._h(), byref(kind), byref(bits),
-                                           byref(value_type), byref(name), None, None),
-                  self._where())
-            self._props = {"name": c_text(name.value), "is_time": kind.value == 1,
-                           "bits": bits.value, "data_type": value_type.value}
+            t = self.group._channel_table()
+            i = self.index - 1
+            self._props = {"name": t.names[i], "is_time": t.kinds[i] == 1, "bits": t.bits[i],
+                           "data_type": t.types[i]}
             return self._props
 
     def _details(self) -> Dict[str, object]:
