@@ -135,3 +135,17 @@ def test_modes(written, tmp_path):
         f.add_group(np.zeros(3), {"x": np.zeros(3)})
         with pytest.raises(ValueError, match="after it is closed"):
             f.groups[0].records
+
+
+@needs_bulk
+def test_undecodable_channel_is_named(written):
+    path, _ = written
+    data = bytearray(path.read_bytes())
+    at = data.index(b"u16\0") - 26  # the short name lies 26 bytes into the CN block
+    assert data[at:at + 2] == b"CN"
+    data[at + 190:at + 192] = (99).to_bytes(2, "little")  # a data type no decoder knows
+    path.write_bytes(bytes(data))
+    with korvel.open(path) as f:
+        with pytest.raises(korvel.MdfError) as e:
+            f.groups[1].arrays()
+        assert e.value.code == korvel.Status.UNSUPPORTED_TYPE and "channel 3" in str(e.value)
