@@ -169,6 +169,9 @@ TEST(BadHandles, EveryFunctionRefusesThemAndTheStatusSticks) {
       {"mdfChnReadHexIntArray", 'C', [&] { return int{mdfChnReadHexIntArray(u64, &u32, badC, 1, 1)}; }},
       {"mdfGrpReadTimeArray", 'G', [&] { return int{mdfGrpReadTimeArray(d, &u32, badG, 1, 1)}; }},
       {"mdfChnReadBytesArray", 'C', [&] { return int{mdfChnReadBytesArray(bytes, 1, &u32, badC, 1, 1)}; }},
+      {"mdfGrpOpenChannels", 'G', [&] { channelnode* out[1]; return int{mdfGrpOpenChannels(out, badG, 1, 1)}; }},
+      {"mdfChnGetInfoArrays", 'C', [&] { char names[33]; return int{mdfChnGetInfoArrays(&u16, &u16, &u16, names, &badC, 1)}; }},
+      {"mdfChnReadPhyArrays", 'C', [&] { return int{mdfChnReadPhyArrays(d, &u32, &badC, 1, 1, 1)}; }},
   };
   // clang-format on
   for (const Row& row : rows) {
