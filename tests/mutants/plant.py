@@ -29,9 +29,9 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 
 # (name, file, text, replacement, what the fault is)
 FAULTS = [
-    ("byte-order", "src/channel/decode.cpp",
-     "uint32_t byte = motorola ? span - 1 - i : i;  // significance",
-     "uint32_t byte = motorola ? i : span - 1 - i;  // significance",
+    ("byte-order", "src/channel/decode.h",
+     "const uint32_t byte = motorola ? span - 1 - i : i;  // significance",
+     "const uint32_t byte = motorola ? i : span - 1 - i;  // significance",
      "big- and little-endian swapped when a value field is loaded"),
     ("bit-offset", "src/channel/decode.cpp",
      "return (word >> layout.bit_offset) & field_mask(layout.bit_count);",
