@@ -1,9 +1,14 @@
 // korvel export FILE: the values of channel groups as CSV, one table per group.
 #include <algorithm>
+#include <charconv>
+#include <exception>
 #include <iostream>
 #include <limits>
 #include <memory>
 #include <optional>
+#include <span>
+#include <string>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 
@@ -31,7 +36,21 @@ struct Plan {
   std::vector<uint16_t> channels;
 };
 
-void put_text(Output& out, std::string_view text) {
+// Rows formatted on a helper thread, appended to the output afterwards; the same calls as
+// Output takes.
+struct Chunk {
+  std::string s;
+  void put(char c) { s.push_back(c); }
+  void text(std::string_view v) { s.append(v); }
+  template <class T>
+  void number(T v) {
+    char b[32];
+    s.append(b, std::to_chars(b, b + sizeof b, v).ptr);
+  }
+};
+
+template <class Sink>
+void put_text(Sink& out, std::string_view text) {
   if (text.find_first_of(",\"\r\n") == std::string_view::npos) return out.text(text);
   out.put('"');
   for (char c : text) {
@@ -41,7 +60,8 @@ void put_text(Output& out, std::string_view text) {
   out.put('"');
 }
 
-void put_cell(Output& out, const Cell& c) {
+template <class Sink>
+void put_cell(Sink& out, const Cell& c) {
   switch (c.shown) {
     case Cell::Shown::signed_int:
       return out.number(c.s);
@@ -53,6 +73,21 @@ void put_cell(Output& out, const Cell& c) {
       return put_text(out, c.text);
     case Cell::Shown::none:
       return;
+  }
+}
+
+// Records `rows` as CSV rows into `out`.
+template <class Sink>
+void put_rows(Sink& out, const GroupValues& values, std::size_t columns,
+              std::span<const uint32_t> rows) {
+  Cell cell;
+  for (uint32_t r : rows) {
+    for (std::size_t i = 0; i < columns; ++i) {
+      if (i != 0) out.put(',');
+      values.render(i, r, cell);
+      put_cell(out, cell);
+    }
+    out.put('\n');
   }
 }
 
@@ -128,18 +163,52 @@ void export_group(const Options& o, mdf_file* file, const Plan& p, Output& out,
   const double from = o.from.value_or(-std::numeric_limits<double>::infinity());
   const double to = o.to.value_or(std::numeric_limits<double>::infinity());
   const std::size_t columns = p.channels.size();
-  for (uint32_t k = 0, n = values.records(); k < n; ++k) {
+  // A window of records at a time: read through the library on this thread, then its rows
+  // formatted in two halves, the second on a helper thread, and written in order.
+  std::vector<uint32_t> rows;
+  Chunk second;
+  Cell cell;
+  for (uint32_t first = 0, n = values.records(); first < n;) {
     if (interrupted) throw Interrupted{};
-    values.seek(k);
-    if (time) {
-      const Cell& t = values.get(*time);
-      if (!t.has_number || !(t.number >= from && t.number <= to)) continue;
+    const uint32_t end = std::min(GroupValues::window_end(first), n);
+    if (time) values.load(first, *time);
+    rows.clear();
+    for (uint32_t r = first; r < end; ++r) {
+      if (time) {
+        values.render(*time, r, cell);
+        values.note(*time, cell.status);
+        if (!cell.has_number || !(cell.number >= from && cell.number <= to)) continue;
+      }
+      rows.push_back(r);
     }
+    first = end;
+    if (rows.empty()) continue;
+    values.load(rows.front());
+    // Every value of a column in one window has the same status.
     for (std::size_t i = 0; i < columns; ++i) {
-      if (i != 0) out.put(',');
-      put_cell(out, values.get(i));
+      values.render(i, rows.front(), cell);
+      values.note(i, cell.status);
     }
-    out.put('\n');
+    const std::span<const uint32_t> all(rows);
+    const std::size_t half = rows.size() / 2;
+    second.s.clear();
+    std::exception_ptr helper_failure;
+    std::thread helper([&] {
+      try {
+        put_rows(second, values, columns, all.subspan(half));
+      } catch (...) {
+        helper_failure = std::current_exception();
+      }
+    });
+    try {
+      put_rows(out, values, columns, all.first(half));
+    } catch (...) {
+      helper.join();
+      throw;
+    }
+    helper.join();
+    if (helper_failure) std::rethrow_exception(helper_failure);
+    out.text(second.s);
   }
   if (values.hollow())
     failures.push_back(o.file + ": group " + std::to_string(p.group) +

@@ -135,9 +135,24 @@ bool stderr_is_terminal() {
 
 // ---- Output -----------------------------------------------------------------------------------
 
-Output::Output() : buffer_(kCapacity), stream_(stdout) {}
+namespace {
+// Buffers of finished outputs, kept for the next one: an export writes one file per group,
+// and fresh memory for each would cost the system a page fault per page.
+std::vector<std::vector<char>> g_spare_buffers;
 
-Output::Output(const fs::path& path) : buffer_(kCapacity), path_(path) {
+std::vector<char> take_buffer(std::size_t size) {
+  if (g_spare_buffers.empty()) return std::vector<char>(size);
+  std::vector<char> b = std::move(g_spare_buffers.back());
+  g_spare_buffers.pop_back();
+  return b;
+}
+}  // namespace
+
+Output::Output()
+    : buffer_(take_buffer(kCapacity)), spare_(take_buffer(kCapacity)), stream_(stdout) {}
+
+Output::Output(const fs::path& path)
+    : buffer_(take_buffer(kCapacity)), spare_(take_buffer(kCapacity)), path_(path) {
   partial_ = path;
   partial_ += ".partial";
   stream_ = std::fopen(partial_.string().c_str(), "wb");
@@ -146,28 +161,87 @@ Output::Output(const fs::path& path) : buffer_(kCapacity), path_(path) {
 }
 
 Output::~Output() {
+  stop_writer();
+  g_spare_buffers.push_back(std::move(buffer_));
+  g_spare_buffers.push_back(std::move(spare_));
   if (path_.empty()) return;
   if (stream_ != nullptr) std::fclose(stream_);
   std::error_code ignored;
   fs::remove(partial_, ignored);
 }
 
-void Output::write(std::string_view s) {
-  if (std::fwrite(s.data(), 1, s.size(), stream_) == s.size()) return;
+void Output::fail(int error) {
   // A closed pipe on standard output is the reader's choice, not a failure to report.
-  if (path_.empty() && errno == EPIPE) throw ToolError{"", kExitFailure};
+  if (path_.empty() && error == EPIPE) throw ToolError{"", kExitFailure};
   throw ToolError{(path_.empty() ? std::string("standard output") : path_.string()) + ": " +
-                      std::strerror(errno),
+                      std::strerror(error),
                   kExitFailure};
 }
 
+void Output::write_now(std::string_view s, int* error) {
+  if (std::fwrite(s.data(), 1, s.size(), stream_) != s.size()) *error = errno != 0 ? errno : EIO;
+}
+
+void Output::wait_writer() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return !busy_; });
+  if (const int error = writer_error_; error != 0) {
+    lock.unlock();
+    fail(error);
+  }
+}
+
+void Output::stop_writer() {
+  if (!writer_.joinable()) return;
+  {
+    std::lock_guard lock(mutex_);
+    stop_ = true;
+  }
+  changed_.notify_all();
+  writer_.join();
+}
+
+void Output::write(std::string_view s) {
+  wait_writer();
+  int error = 0;
+  write_now(s, &error);
+  if (error != 0) fail(error);
+}
+
 void Output::drain() {
-  write(std::string_view(buffer_.data(), used_));
+  if (used_ == 0) return;
+  wait_writer();
+  std::swap(buffer_, spare_);
+  {
+    std::lock_guard lock(mutex_);
+    pending_ = used_;
+    busy_ = true;
+  }
   used_ = 0;
+  if (!writer_.joinable()) {
+    writer_ = std::thread([this] {
+      std::unique_lock lock(mutex_);
+      for (;;) {
+        changed_.wait(lock, [this] { return busy_ || stop_; });
+        if (!busy_) return;
+        lock.unlock();
+        int error = 0;
+        write_now(std::string_view(spare_.data(), pending_), &error);
+        lock.lock();
+        if (error != 0 && writer_error_ == 0) writer_error_ = error;
+        busy_ = false;
+        changed_.notify_all();
+      }
+    });
+  } else {
+    changed_.notify_all();
+  }
 }
 
 void Output::commit() {
   drain();
+  wait_writer();
+  stop_writer();
   if (path_.empty()) {
     if (std::fflush(stream_) != 0) throw ToolError{"standard output: write failed", kExitFailure};
     return;
@@ -181,15 +255,18 @@ void Output::commit() {
 }
 
 void Output::number(double v) {
-  used_ = static_cast<std::size_t>(std::to_chars(room(), buffer_.data() + kCapacity, v).ptr -
+  char* at = room();  // first: it may hand the buffer to the writer and take the other one
+  used_ = static_cast<std::size_t>(std::to_chars(at, buffer_.data() + kCapacity, v).ptr -
                                    buffer_.data());
 }
 void Output::number(int64_t v) {
-  used_ = static_cast<std::size_t>(std::to_chars(room(), buffer_.data() + kCapacity, v).ptr -
+  char* at = room();  // first: it may hand the buffer to the writer and take the other one
+  used_ = static_cast<std::size_t>(std::to_chars(at, buffer_.data() + kCapacity, v).ptr -
                                    buffer_.data());
 }
 void Output::number(uint64_t v) {
-  used_ = static_cast<std::size_t>(std::to_chars(room(), buffer_.data() + kCapacity, v).ptr -
+  char* at = room();  // first: it may hand the buffer to the writer and take the other one
+  used_ = static_cast<std::size_t>(std::to_chars(at, buffer_.data() + kCapacity, v).ptr -
                                    buffer_.data());
 }
 

@@ -17,14 +17,17 @@
 // The program uses only the library's public interface.
 #pragma once
 
+#include <condition_variable>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "korvel.h"
@@ -129,6 +132,11 @@ struct Interrupted {};
 // Text written in large pieces to standard output or to a file. A file is written under a
 // temporary name beside its final one and renamed by commit(), so an interrupted or failed run
 // leaves no half-written file and does not destroy an older one.
+//
+// A full buffer is handed to a writer thread, which writes it while the next one fills: the
+// system's copying of the text overlaps the formatting. The bytes and their order are those
+// of one thread writing; a failure of the writer is reported by the next call that hands it a
+// buffer, or by commit().
 class Output {
  public:
   Output();                                            // standard output
@@ -155,18 +163,29 @@ class Output {
 
  private:
   static constexpr std::size_t kCapacity = 1 << 20;
-  void drain();
-  void write(std::string_view s);
+  void drain();                    // hands the buffer to the writer
+  void write(std::string_view s);  // writes now, after the writer's buffer
+  void write_now(std::string_view s, int* error);
+  void wait_writer();  // the writer idle; throws its failure
+  void stop_writer();
+  [[noreturn]] void fail(int error);
   // Room for the longest number: makes sure 32 bytes are free.
   char* room() {
     if (kCapacity - used_ < 32) drain();
     return buffer_.data() + used_;
   }
 
-  std::vector<char> buffer_;
+  std::vector<char> buffer_, spare_;
   std::size_t used_ = 0;
   std::FILE* stream_ = nullptr;
   std::filesystem::path path_, partial_;
+  // The writer thread and what it is handed: `pending` bytes of spare_ while `busy`.
+  std::thread writer_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::size_t pending_ = 0;
+  bool busy_ = false, stop_ = false;
+  int writer_error_ = 0;  // errno of the writer's failed write, 0 when none
 };
 
 // ---- Formatting -------------------------------------------------------------------------------

@@ -128,7 +128,6 @@ void GroupValues::load_table(Column& c) {
 // A status of the array reads holds for every record of the window, as the per-value reads
 // would give it record by record; a failure of the library throws LibraryError.
 void GroupValues::fill(Column& c) {
-  constexpr uint32_t kWindow = 4096;
   c.first = current_ - current_ % kWindow;
   c.size = std::min(kWindow, records() - c.first);
   channelnode* ch = c.info.handle;
@@ -163,16 +162,26 @@ const Cell& GroupValues::get(std::size_t i) {
   Column& c = columns_[i];
   if (c.cell_of != current_) {
     if (current_ < c.first || current_ - c.first >= c.size) fill(c);
-    read(c);
+    render(i, current_, c.cell);
     c.cell_of = current_;
-    if (c.cell.status != 0 && c.failure == 0) c.failure = c.cell.status;
+    note(i, c.cell.status);
   }
   return c.cell;
 }
 
-void GroupValues::read(Column& c) {
-  Cell& cell = c.cell;
-  const std::size_t k = current_ - c.first;
+void GroupValues::load(uint32_t first) {
+  for (std::size_t i = 0; i < columns_.size(); ++i) load(first, i);
+}
+
+void GroupValues::load(uint32_t first, std::size_t i) {
+  current_ = first;
+  Column& c = columns_[i];
+  if (first < c.first || first - c.first >= c.size) fill(c);
+}
+
+void GroupValues::render(std::size_t i, uint32_t record, Cell& cell) const {
+  const Column& c = columns_[i];
+  const std::size_t k = record - c.first;
   cell.shown = Cell::Shown::none;
   cell.has_number = false;
   int16_t st = c.raw_status;

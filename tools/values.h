@@ -56,6 +56,18 @@ class GroupValues {
   void seek(uint32_t index) { current_ = index; }
   // The value of column i in the current record.
   const Cell& get(std::size_t i);
+  // Reads, for every column, the window of records that holds record `first` (below
+  // records()); records first .. window_end(first) - 1 can then be rendered.
+  void load(uint32_t first);
+  void load(uint32_t first, std::size_t i);  // column i only
+  static uint32_t window_end(uint32_t first) { return first - first % kWindow + kWindow; }
+  // The value of column i in a record of the loaded windows, into `cell`. Changes nothing, so
+  // that several threads may render records at once.
+  void render(std::size_t i, uint32_t record, Cell& cell) const;
+  // Notes the status of a rendered value as the column's failure when it is the first.
+  void note(std::size_t i, int16_t status) {
+    if (status != 0 && columns_[i].failure == 0) columns_[i].failure = status;
+  }
   // The first status other than 0 met in column i (its values are shown empty).
   int16_t failure(std::size_t i) const { return columns_[i].failure; }
 
@@ -84,9 +96,9 @@ class GroupValues {
     int64_t cell_of = -1;  // the record the cell holds
     int16_t failure = 0;
   };
+  static constexpr uint32_t kWindow = 512;  // records read at a time per column
   void load_table(Column& c);
   void fill(Column& c);
-  void read(Column& c);
 
   mdf_group* group_;
   std::string file_;
