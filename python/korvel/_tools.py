@@ -33,7 +33,8 @@ def sort(src: PathLike, dst: Optional[PathLike] = None, recount: bool = False,
     `progress(percent)` is called as the run advances. An exception raised by it, and
     Ctrl-C (in the main thread), abort the run through the library's abort callback: the
     source stays as it was, a target is not left behind, and the exception (or
-    KeyboardInterrupt) propagates.
+    KeyboardInterrupt) propagates. The closing report (100) comes when the run is over: an
+    exception raised there still propagates, but the run's result stands.
 
     Returns Status.OK, or the notices Status.ALREADY_SORTED, CYCLES_INCREASED or
     CYCLES_DECREASED. Raises MdfError (a family subclass) when the run fails."""
