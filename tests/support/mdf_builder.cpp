@@ -80,80 +80,37 @@ void Image::need(uint64_t at, size_t n) const {
 }
 
 uint32_t Image::append_block(std::string_view id, uint16_t size) {
-  if (id.size() != 2) throw std::invalid_argument("mdftest::Image: block id must be 2 chars");
-  const uint32_t at = append_zeros(std::max<size_t>(size, 4));
-  bytes[at] = static_cast<uint8_t>(id[0]);
-  bytes[at + 1] = static_cast<uint8_t>(id[1]);
+  const uint32_t at = append_bytes(std::vector<uint8_t>(std::max<size_t>(size, 4)));
+  std::copy(id.begin(), id.end(), bytes.begin() + at);
   patch_u16(at + 2, size);
   return at;
 }
 
-uint32_t Image::append_text_block(std::string_view text) {
-  const uint16_t size = to_u16(text.size() + 5, "TX block size");
-  const uint32_t at = append_block("TX", size);
-  std::copy(text.begin(), text.end(), bytes.begin() + at + 4);
-  return at;
-}
-
 uint32_t Image::append_bytes(std::span<const uint8_t> data) {
-  const uint32_t at = append_zeros(data.size());
-  std::copy(data.begin(), data.end(), bytes.begin() + at);
-  return at;
+  if (bytes.size() + data.size() > 0xFFFFFFFFu) throw std::length_error("mdftest: beyond 4 GiB");
+  bytes.insert(bytes.end(), data.begin(), data.end());
+  return static_cast<uint32_t>(bytes.size() - data.size());
 }
 
-uint32_t Image::append_zeros(size_t count) {
-  const size_t at = bytes.size();
-  if (at + count > 0xFFFFFFFFu) throw std::length_error("mdftest::Image: beyond 4 GiB");
-  bytes.resize(at + count);
-  return static_cast<uint32_t>(at);
-}
-
-void Image::patch_u8(uint64_t at, uint8_t v) {
-  need(at, 1);
-  bytes[at] = v;
-}
-void Image::patch_u16(uint64_t at, uint16_t v) {
-  need(at, 2);
-  store_le(&bytes[at], v, 2);
-}
-void Image::patch_u32(uint64_t at, uint32_t v) {
-  need(at, 4);
-  store_le(&bytes[at], v, 4);
-}
-void Image::patch_u64(uint64_t at, uint64_t v) {
-  need(at, 8);
-  store_le(&bytes[at], v, 8);
-}
-void Image::patch_f64(uint64_t at, double v) {
-  patch_u64(at, std::bit_cast<uint64_t>(v));
+void Image::patch(uint64_t at, uint64_t v, size_t n) {
+  need(at, n);
+  store_le(&bytes[at], v, n);
 }
 void Image::patch_bytes(uint64_t at, std::span<const uint8_t> data) {
   need(at, data.size());
   std::copy(data.begin(), data.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
 }
-void Image::patch_bytes(uint64_t at, std::initializer_list<uint8_t> data) {
-  patch_bytes(at, std::span<const uint8_t>(data.begin(), data.size()));
-}
 void Image::patch_chars(uint64_t at, size_t width, std::string_view text) {
   if (text.size() > width)
     throw std::invalid_argument("mdftest: text \"" + std::string(text) + "\" longer than its " +
                                 std::to_string(width) + "-char field");
-  need(at, width);
-  std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), width, uint8_t{0});
-  std::copy(text.begin(), text.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
-}
-
-uint16_t Image::u16(uint64_t at) const {
-  need(at, 2);
-  return static_cast<uint16_t>(load_le(&bytes[at], 2));
+  std::vector<uint8_t> field(width, 0);
+  std::copy(text.begin(), text.end(), field.begin());
+  patch_bytes(at, field);
 }
 uint32_t Image::u32(uint64_t at) const {
   need(at, 4);
   return static_cast<uint32_t>(load_le(&bytes[at], 4));
-}
-
-void Image::truncate(size_t new_size) {
-  if (new_size < bytes.size()) bytes.resize(new_size);
 }
 
 // --- Record values ---------------------------------------------------------------------------
@@ -192,9 +149,6 @@ void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t
   need_rec(rec.size(), byte_offset, data.size());
   std::copy(data.begin(), data.end(), rec.begin() + static_cast<std::ptrdiff_t>(byte_offset));
 }
-void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::initializer_list<uint8_t> data) {
-  put_raw(rec, byte_offset, std::span<const uint8_t>(data.begin(), data.size()));
-}
 
 // --- Description helpers ---------------------------------------------------------------------
 
@@ -214,34 +168,18 @@ ConversionPtr make_conv(uint16_t type, std::string unit) {
   c->unit = std::move(unit);
   return c;
 }
-template <size_t N>
-ConversionPtr make_params(uint16_t type, const std::array<double, N>& p, std::string unit) {
-  auto c = make_conv(type, std::move(unit));
-  c->params.assign(p.begin(), p.end());
-  return c;
-}
 }  // namespace
 
-ConversionPtr linear(double offset, double factor, std::string unit) {
-  return make_params<2>(cc::linear, {offset, factor}, std::move(unit));
+ConversionPtr params(uint16_t type, std::vector<double> p, std::string unit) {
+  auto c = make_conv(type, std::move(unit));
+  c->params = std::move(p);
+  return c;
 }
 ConversionPtr table(bool interpolate, std::vector<std::pair<double, double>> points,
                     std::string unit) {
   auto c = make_conv(interpolate ? cc::table_interp : cc::table, std::move(unit));
   c->table = std::move(points);
   return c;
-}
-ConversionPtr polynomial(std::array<double, 6> p, std::string unit) {
-  return make_params(cc::polynomial, p, std::move(unit));
-}
-ConversionPtr exponential(std::array<double, 7> p, std::string unit) {
-  return make_params(cc::exponential, p, std::move(unit));
-}
-ConversionPtr logarithmic(std::array<double, 7> p, std::string unit) {
-  return make_params(cc::logarithmic, p, std::move(unit));
-}
-ConversionPtr rational(std::array<double, 6> p, std::string unit) {
-  return make_params(cc::rational, p, std::move(unit));
 }
 ConversionPtr formula(std::string text, std::string unit) {
   auto c = make_conv(cc::formula, std::move(unit));
@@ -257,9 +195,6 @@ ConversionPtr range_table(std::vector<RangeEntry> entries, std::string unit) {
   auto c = make_conv(cc::verbal_range, std::move(unit));
   c->ranges = std::move(entries);
   return c;
-}
-ConversionPtr identity(std::string unit) {
-  return make_conv(cc::identity, std::move(unit));
 }
 ConversionPtr raw_conversion(uint16_t type, uint16_t param_count, std::vector<uint8_t> tail,
                              std::string unit) {
@@ -311,63 +246,39 @@ DataGroup& FileModel::add_data_group(uint16_t record_ids) {
   return d;
 }
 
-static std::vector<size_t> record_order(const DataGroup& dg) {
+// --- build -----------------------------------------------------------------------------------
+
+namespace {
+
+// The channel-group index of each record of a data section, in file order.
+std::vector<size_t> record_order(const DataGroup& dg) {
+  if (dg.record_ids != 0 && !dg.order.empty()) return dg.order;
   std::vector<size_t> order;
-  if (dg.record_ids == 0) {
-    for (size_t g = 0; g < dg.channel_groups.size(); ++g)
-      order.insert(order.end(), dg.channel_groups[g].records.size(), g);
-  } else if (!dg.order.empty()) {
-    order = dg.order;
-  } else {
-    for (size_t k = 0;; ++k) {
-      bool any = false;
-      for (size_t g = 0; g < dg.channel_groups.size(); ++g) {
-        if (k < dg.channel_groups[g].records.size()) {
-          order.push_back(g);
-          any = true;
-        }
+  const size_t groups = dg.channel_groups.size();
+  for (size_t k = 0, any = 1; any != 0; ++k) {
+    any = 0;
+    for (size_t g = 0; g < groups; ++g) {
+      const size_t n = dg.channel_groups[g].records.size();
+      if (dg.record_ids == 0 && k == 0) order.insert(order.end(), n, g);
+      if (dg.record_ids != 0 && k < n) {
+        order.push_back(g);
+        any = 1;
       }
-      if (!any) break;
     }
   }
   return order;
 }
 
-// --- build -----------------------------------------------------------------------------------
-
-namespace {
-
-uint32_t conversion_tail_size(const Conversion& c) {
-  if (c.raw_tail) return static_cast<uint32_t>(c.raw_tail->size());
+// The tail of a CC block: its entries and their stride (type 10: the formula's bytes).
+std::pair<size_t, uint32_t> conversion_tail(const Conversion& c) {
+  if (c.raw_tail) return {0, static_cast<uint32_t>(c.raw_tail->size())};
   switch (c.type) {
     case cc::table_interp:
-    case cc::table:
-      return static_cast<uint32_t>(c.table.size() * off::cc_table_stride);
-    case cc::formula:
-      return static_cast<uint32_t>(std::max<size_t>(256, c.formula.size() + 1));
-    case cc::verbal:
-      return static_cast<uint32_t>(c.verbal.size() * off::cc_verbal_stride);
-    case cc::verbal_range:
-      return static_cast<uint32_t>(c.ranges.size() * off::cc_range_stride);
-    default:
-      return static_cast<uint32_t>(c.params.size() * 8);
-  }
-}
-
-size_t conversion_entries(const Conversion& c) {
-  if (c.raw_tail) return 0;
-  switch (c.type) {
-    case cc::table_interp:
-    case cc::table:
-      return c.table.size();
-    case cc::formula:
-      return 0;
-    case cc::verbal:
-      return c.verbal.size();
-    case cc::verbal_range:
-      return c.ranges.size();
-    default:
-      return c.params.size();
+    case cc::table: return {c.table.size(), off::cc_table_stride};
+    case cc::formula: return {0, static_cast<uint32_t>(std::max<size_t>(256, c.formula.size() + 1))};
+    case cc::verbal: return {c.verbal.size(), off::cc_verbal_stride};
+    case cc::verbal_range: return {c.ranges.size(), off::cc_range_stride};
+    default: return {c.params.size(), 8};
   }
 }
 
@@ -379,17 +290,16 @@ class Builder {
     b_.bytes.assign(off::id_size, 0);
     Fields{*this, 0, off::id_size}.all(id_fields, f_.id);
     write_header();
-    uint32_t prev_dg = 0;
+    uint32_t prev_dg = b_.header + off::hd_first_dg;
     b_.data_groups.resize(f_.data_groups.size());
     for (size_t i = 0; i < f_.data_groups.size(); ++i) {
       const uint32_t dg = write_data_group(f_.data_groups[i], b_.data_groups[i]);
-      b_.patch_u32(prev_dg == 0 ? b_.header + off::hd_first_dg : prev_dg + off::dg_next, dg);
-      prev_dg = dg;
+      b_.patch_u32(prev_dg, dg);
+      prev_dg = dg + off::dg_next;
       if (!f_.data_at_end) write_data(f_.data_groups[i], b_.data_groups[i]);
     }
-    if (f_.data_at_end)
-      for (size_t i = 0; i < f_.data_groups.size(); ++i)
-        write_data(f_.data_groups[i], b_.data_groups[i]);
+    for (size_t i = 0; f_.data_at_end && i < f_.data_groups.size(); ++i)
+      write_data(f_.data_groups[i], b_.data_groups[i]);
     for (const auto& [at, dep] : pending_dependencies_) resolve_dependency(at, *dep);
     return std::move(b_);
   }
@@ -403,12 +313,14 @@ class Builder {
     uint32_t size;
     bool fits(uint32_t field, uint32_t width) const { return field + width <= size; }
     void num(uint32_t field, uint32_t width, uint64_t v) {
-      if (fits(field, width)) store_le(bld.b_.bytes.data() + at + field, v, width);
+      if (fits(field, width)) bld.b_.patch(at + field, v, width);
     }
-    void u16(uint32_t field, uint16_t v) { num(field, 2, v); }
-    void u32(uint32_t field, uint32_t v) { num(field, 4, v); }
     void real(uint32_t field, double v) {
-      if (fits(field, 8)) bld.real(at + field, v);
+      if (!fits(field, 8)) return;
+      if (bld.f_.encode_real)
+        bld.b_.patch_bytes(at + field, bld.f_.encode_real(v));
+      else
+        bld.b_.patch_f64(at + field, v);
     }
     void chars(uint32_t field, uint32_t width, const std::string& s) {
       if (s.size() > width)
@@ -416,11 +328,9 @@ class Builder {
       if (fits(field, width)) bld.b_.patch_chars(at + field, width, s);
     }
     void link(uint32_t field, uint32_t v, const char* what) {
-      if (v == 0) return;
-      if (!fits(field, 4))
-        fail(std::string(what) + " link does not fit a block of " + std::to_string(size) +
-             " bytes");
-      bld.b_.patch_u32(at + field, v);
+      if (v != 0 && !fits(field, 4))
+        fail(std::string(what) + " link does not fit a block of " + std::to_string(size));
+      if (v != 0) bld.b_.patch_u32(at + field, v);
     }
     // Writes the value fields of `s` listed in `table`.
     template <class S, size_t N>
@@ -440,263 +350,205 @@ class Builder {
     }
   };
 
-  void real(uint32_t at, double v) {
-    if (f_.encode_real)
-      b_.patch_bytes(at, f_.encode_real(v));
-    else
-      b_.patch_f64(at, v);
+  // A new block of the given identifier and size, with its field writer.
+  Fields block(std::string_view id, size_t size, uint32_t* where = nullptr) {
+    const uint32_t at = b_.append_block(id, to_u16(size, "block size"));
+    if (where != nullptr) *where = at;
+    return Fields{*this, at, static_cast<uint32_t>(size)};
   }
 
+  // A TX block (text length + 5 bytes: the text and a zero byte), written once per Text.
   uint32_t text(const Text& t) {
     if (!t) return 0;
     if (const auto it = b_.shared_blocks.find(t.id()); it != b_.shared_blocks.end())
       return it->second;
-    const uint32_t at = b_.append_text_block(t.str());
-    b_.shared_blocks[t.id()] = at;
-    return at;
+    return b_.shared_blocks[t.id()] = raw_text(t.str());
+  }
+  uint32_t raw_text(const std::string& s) {
+    Fields w = block("TX", s.size() + 5);
+    b_.patch_bytes(w.at + 4, std::span(reinterpret_cast<const uint8_t*>(s.data()), s.size()));
+    return w.at;
   }
 
   void write_header() {
     const Header& h = f_.header;
-    b_.header = b_.append_block("HD", h.block_size);
-    Fields w{*this, b_.header, h.block_size};
-    w.u16(off::hd_dg_count, h.dg_count ? *h.dg_count : to_u16(f_.data_groups.size(), "DG count"));
+    Fields w = block("HD", h.block_size, &b_.header);
+    w.num(off::hd_dg_count, 2, h.dg_count ? *h.dg_count : to_u16(f_.data_groups.size(), "DGs"));
     w.all(header_fields, static_cast<const HeaderFields&>(h));
-    b_.header_comment = text(h.comment);
-    w.link(off::hd_comment, b_.header_comment, "HD comment");
+    w.link(off::hd_comment, b_.header_comment = text(h.comment), "HD comment");
     if (h.program) {
-      b_.program = b_.append_block("PR", to_u16(h.program->size() + 4, "PR size"));
+      block("PR", h.program->size() + 4, &b_.program);
       b_.patch_bytes(b_.program + 4, *h.program);
       w.link(off::hd_program, b_.program, "HD program");
     }
   }
 
   uint32_t write_data_group(const DataGroup& d, BuiltDataGroup& out) {
-    out.offset = b_.append_block("DG", 28);
-    Fields w{*this, out.offset, 28};
-    w.u16(off::dg_cg_count, to_u16(d.channel_groups.size(), "CG count"));
-    w.u16(off::dg_record_ids, d.record_ids);
+    Fields w = block("DG", 28, &out.offset);
+    w.num(off::dg_cg_count, 2, to_u16(d.channel_groups.size(), "CG count"));
+    w.num(off::dg_record_ids, 2, d.record_ids);
     if (d.trigger) {
       const Trigger& t = *d.trigger;
-      const uint16_t size =
-          t.block_size ? *t.block_size : to_u16(10 + 24 * t.events.size(), "TR size");
-      out.trigger = b_.append_block("TR", size);
-      Fields tw{*this, out.trigger, size};
-      tw.u16(off::tr_count, t.event_count ? *t.event_count : to_u16(t.events.size(), "events"));
+      Fields tw = block("TR", t.block_size.value_or(10 + 24 * t.events.size()), &out.trigger);
+      tw.num(off::tr_count, 2, t.event_count.value_or(t.events.size()));
       for (size_t k = 0; k < t.events.size(); ++k) {
         const auto e = static_cast<uint32_t>(off::tr_events + 24 * k);
         tw.real(e, t.events[k].time);
         tw.real(e + 8, t.events[k].pre_time);
         tw.real(e + 16, t.events[k].post_time);
       }
-      out.trigger_comment = text(t.comment);
-      tw.link(off::tr_comment, out.trigger_comment, "TR comment");
+      tw.link(off::tr_comment, out.trigger_comment = text(t.comment), "TR comment");
       w.link(off::dg_trigger, out.trigger, "DG trigger");
     }
-    uint32_t prev = 0;
+    uint32_t prev = out.offset + off::dg_first_cg;
     out.channel_groups.resize(d.channel_groups.size());
     for (size_t i = 0; i < d.channel_groups.size(); ++i) {
-      const uint32_t cg = write_channel_group(d.channel_groups[i], out.channel_groups[i]);
-      b_.patch_u32(prev == 0 ? out.offset + off::dg_first_cg : prev + off::cg_next, cg);
-      prev = cg;
+      b_.patch_u32(prev, write_channel_group(d.channel_groups[i], out.channel_groups[i]));
+      prev = out.channel_groups[i].offset + off::cg_next;
     }
     return out.offset;
   }
 
   uint32_t write_channel_group(const ChannelGroup& g, BuiltChannelGroup& out) {
-    out.offset = b_.append_block("CG", g.block_size);
-    Fields w{*this, out.offset, g.block_size};
-    w.u16(off::cg_record_id, g.record_id);
-    w.u16(off::cg_cn_count, to_u16(g.channels.size(), "CN count"));
-    w.u16(off::cg_record_size, g.record_size);
-    w.u32(off::cg_record_count,
-          g.record_count ? *g.record_count : static_cast<uint32_t>(g.records.size()));
-    out.comment = text(g.comment);
-    w.link(off::cg_comment, out.comment, "CG comment");
+    Fields w = block("CG", g.block_size, &out.offset);
+    w.num(off::cg_record_id, 2, g.record_id);
+    w.num(off::cg_cn_count, 2, to_u16(g.channels.size(), "CN count"));
+    w.num(off::cg_record_size, 2, g.record_size);
+    w.num(off::cg_record_count, 4, g.record_count ? *g.record_count : g.records.size());
+    w.link(off::cg_comment, out.comment = text(g.comment), "CG comment");
     uint32_t prev = 0;
     for (const SampleReduction& s : g.sample_reductions) {
-      const uint32_t sr = b_.append_block("SR", 24);
-      Fields sw{*this, sr, 24};
-      sw.u32(off::sr_count, s.sample_count);
+      uint32_t sr = 0;
+      Fields sw = block("SR", 24, &sr);
+      sw.num(off::sr_count, 4, s.sample_count);
       sw.real(off::sr_interval, s.interval);
-      const uint32_t data = s.data.empty() ? 0 : b_.append_bytes(s.data);
-      sw.link(off::sr_data, data, "SR data");
-      if (prev == 0)
-        w.link(off::cg_first_sr, sr, "CG sample reduction");
-      else
-        b_.patch_u32(prev + off::sr_next, sr);
-      prev = sr;
-      out.sample_reductions.push_back(sr);
+      sw.link(off::sr_data, s.data.empty() ? 0 : b_.append_bytes(s.data), "SR data");
+      if (prev == 0) w.link(off::cg_first_sr, sr, "CG sample reduction");
+      if (prev != 0) b_.patch_u32(prev + off::sr_next, sr);
+      out.sample_reductions.push_back(prev = sr);
     }
-    prev = 0;
+    prev = out.offset + off::cg_first_cn;
     out.channels.resize(g.channels.size());
     for (size_t i = 0; i < g.channels.size(); ++i) {
-      const uint32_t cn = write_channel(g.channels[i], out.channels[i]);
-      b_.patch_u32(prev == 0 ? out.offset + off::cg_first_cn : prev + off::cn_next, cn);
-      prev = cn;
+      b_.patch_u32(prev, write_channel(g.channels[i], out.channels[i]));
+      prev = out.channels[i].offset + off::cn_next;
     }
     return out.offset;
   }
 
   uint32_t write_channel(const Channel& c, BuiltChannel& out) {
-    out.offset = b_.append_block("CN", c.block_size);
-    Fields w{*this, out.offset, c.block_size};
+    Fields w = block("CN", c.block_size, &out.offset);
     w.all(channel_fields, static_cast<const ChannelFields&>(c));
-    out.comment = text(c.comment);
-    w.link(off::cn_comment, out.comment, "CN comment");
-    out.long_name = text(c.long_name);
-    w.link(off::cn_long_name, out.long_name, "CN long name");
-    // The display name link and the additional byte offset exist only in blocks of 228+ bytes.
+    w.link(off::cn_comment, out.comment = text(c.comment), "CN comment");
+    w.link(off::cn_long_name, out.long_name = text(c.long_name), "CN long name");
+    // The display name link exists only in blocks of 228+ bytes.
     if (c.display_name && c.block_size < 228) fail("CN display name needs a block of 228 bytes");
-    out.display_name = text(c.display_name);
-    w.link(off::cn_display_name, out.display_name, "CN display name");
-    if (c.conversion) {
-      out.conversion = write_conversion(*c.conversion);
-      w.link(off::cn_conversion, out.conversion, "CN conversion");
-    }
-    if (c.extension) {
-      out.extension = write_extension(*c.extension);
-      w.link(off::cn_extension, out.extension, "CN extension");
-    }
-    if (c.dependency) {
-      out.dependency = write_dependency(c.dependency);
-      w.link(off::cn_dependency, out.dependency, "CN dependency");
-    }
+    w.link(off::cn_display_name, out.display_name = text(c.display_name), "CN display name");
+    if (c.conversion) out.conversion = write_conversion(*c.conversion);
+    if (c.extension) out.extension = write_extension(*c.extension);
+    if (c.dependency) out.dependency = write_dependency(*c.dependency);
+    w.link(off::cn_conversion, out.conversion, "CN conversion");
+    w.link(off::cn_extension, out.extension, "CN extension");
+    w.link(off::cn_dependency, out.dependency, "CN dependency");
     return out.offset;
   }
 
+  // A block shared by several channels is written once, where first met.
+  uint32_t* shared(const void* p) {
+    const auto it = b_.shared_blocks.find(p);
+    return it == b_.shared_blocks.end() ? nullptr : &it->second;
+  }
+
   uint32_t write_conversion(const Conversion& c) {
-    if (const auto it = b_.shared_blocks.find(&c); it != b_.shared_blocks.end()) return it->second;
-    const uint16_t size =
-        c.block_size ? *c.block_size : to_u16(off::cc_params + conversion_tail_size(c), "CC size");
-    const uint32_t at = b_.append_block("CC", size);
-    b_.shared_blocks[&c] = at;
-    Fields w{*this, at, size};
-    w.all(conversion_fields, static_cast<const ConversionFields&>(c));
-    w.u16(off::cc_count,
-          c.param_count ? *c.param_count : to_u16(conversion_entries(c), "CC entries"));
+    if (const uint32_t* at = shared(&c)) return *at;
+    const auto [entries, stride] = conversion_tail(c);
     const uint32_t p = off::cc_params;
-    if (c.raw_tail) {
-      const size_t n = std::min<size_t>(c.raw_tail->size(), size > p ? size - p : 0);
-      b_.patch_bytes(at + p, std::span<const uint8_t>(c.raw_tail->data(), n));
-    } else if (c.type == cc::table_interp || c.type == cc::table) {
-      for (size_t i = 0; i < c.table.size(); ++i) {
-        const auto e = static_cast<uint32_t>(p + off::cc_table_stride * i);
+    Fields w = block("CC", p + (c.raw_tail || c.type == cc::formula ? 1 : entries) * stride,
+                     &b_.shared_blocks[&c]);
+    w.all(conversion_fields, static_cast<const ConversionFields&>(c));
+    w.num(off::cc_count, 2, c.param_count ? *c.param_count : to_u16(entries, "CC entries"));
+    if (c.raw_tail) b_.patch_bytes(w.at + p, *c.raw_tail);
+    if (c.type == cc::formula && !c.raw_tail) b_.patch_chars(w.at + p, stride, c.formula);
+    for (size_t i = 0; i < entries; ++i) {
+      const auto e = static_cast<uint32_t>(p + stride * i);
+      if (c.type == cc::table_interp || c.type == cc::table) {
         w.real(e, c.table[i].first);
         w.real(e + 8, c.table[i].second);
-      }
-    } else if (c.type == cc::formula) {
-      if (size > p) {
-        const uint32_t width = size - p;
-        if (c.formula.size() > width) fail("formula longer than its CC block");
-        b_.patch_chars(at + p, width, c.formula);
-      }
-    } else if (c.type == cc::verbal) {
-      for (size_t i = 0; i < c.verbal.size(); ++i) {
-        const auto e = static_cast<uint32_t>(p + off::cc_verbal_stride * i);
+      } else if (c.type == cc::verbal) {
         w.real(e, c.verbal[i].value);
         w.chars(e + 8, 32, c.verbal[i].text);
-      }
-    } else if (c.type == cc::verbal_range) {
-      for (size_t i = 0; i < c.ranges.size(); ++i) {
-        const auto e = static_cast<uint32_t>(p + off::cc_range_stride * i);
+      } else if (c.type == cc::verbal_range) {
         w.real(e, c.ranges[i].lower);
         w.real(e + 8, c.ranges[i].upper);
+      } else {
+        w.real(e, c.params[i]);
       }
-      // The entry texts follow the CC block.
-      for (size_t i = 0; i < c.ranges.size(); ++i) {
-        const auto e = static_cast<uint32_t>(p + off::cc_range_stride * i);
-        const uint32_t tx = c.ranges[i].text ? b_.append_text_block(*c.ranges[i].text) : 0;
-        w.link(e + 16, tx, "CC range text");
-      }
-    } else {
-      for (size_t i = 0; i < c.params.size(); ++i)
-        w.real(static_cast<uint32_t>(p + 8 * i), c.params[i]);
     }
-    return at;
+    // The texts of a verbal range table follow the CC block.
+    for (size_t i = 0; c.type == cc::verbal_range && i < entries; ++i) {
+      const auto& t = c.ranges[i].text;
+      w.link(static_cast<uint32_t>(p + stride * i + 16), t ? raw_text(*t) : 0, "CC range text");
+    }
+    return w.at;
   }
 
   uint32_t write_extension(const Extension& e) {
-    if (const auto it = b_.shared_blocks.find(&e); it != b_.shared_blocks.end()) return it->second;
-    const uint16_t size =
-        e.block_size ? *e.block_size : to_u16(std::max<size_t>(128, 6 + e.record.size()), "CE");
-    const uint32_t at = b_.append_block("CE", size);
-    b_.shared_blocks[&e] = at;
-    Fields w{*this, at, size};
-    w.u16(off::ce_type, e.type);
+    if (const uint32_t* at = shared(&e)) return *at;
+    const size_t size = e.block_size ? *e.block_size : std::max<size_t>(128, 6 + e.record.size());
+    Fields w = block("CE", size, &b_.shared_blocks[&e]);
+    w.num(off::ce_type, 2, e.type);
     const size_t n = std::min<size_t>(e.record.size(), size > off::ce_record ? size - 6u : 0u);
-    b_.patch_bytes(at + off::ce_record, std::span<const uint8_t>(e.record.data(), n));
-    return at;
+    b_.patch_bytes(w.at + off::ce_record, std::span<const uint8_t>(e.record.data(), n));
+    return w.at;
   }
 
-  uint32_t write_dependency(const DependencyPtr& d) {
-    if (const auto it = b_.shared_blocks.find(d.get()); it != b_.shared_blocks.end())
-      return it->second;
-    const uint16_t size =
-        d->block_size ? *d->block_size : to_u16(8 + 12 * d->targets.size(), "CD size");
-    const uint32_t at = b_.append_block("CD", size);
-    b_.shared_blocks[d.get()] = at;
-    Fields w{*this, at, size};
-    w.u16(off::cd_type, d->type);
-    w.u16(off::cd_count, d->count ? *d->count : to_u16(d->targets.size(), "CD count"));
-    pending_dependencies_.emplace_back(at, d.get());
-    return at;
+  uint32_t write_dependency(const Dependency& d) {
+    if (const uint32_t* at = shared(&d)) return *at;
+    Fields w = block("CD", 8 + 12 * d.targets.size(), &b_.shared_blocks[&d]);
+    w.num(off::cd_type, 2, d.type);
+    w.num(off::cd_count, 2, d.targets.size());
+    pending_dependencies_.emplace_back(w.at, &d);
+    return w.at;
   }
 
   // Dependency links can point forward, so they are filled in once everything is placed.
   void resolve_dependency(uint32_t at, const Dependency& d) {
-    const uint32_t size = b_.u16(at + off::block_size);
-    Fields w{*this, at, size};
     for (size_t k = 0; k < d.targets.size(); ++k) {
       const DependencyTarget& t = d.targets[k];
-      uint32_t dg = 0, cg = 0, cn = 0;
-      if (t.dg >= 0) {
-        if (static_cast<size_t>(t.dg) >= b_.data_groups.size()) fail("CD: no such data group");
-        const BuiltDataGroup& bd = b_.data_groups[static_cast<size_t>(t.dg)];
-        dg = bd.offset;
-        if (t.cg >= 0) {
-          if (static_cast<size_t>(t.cg) >= bd.channel_groups.size()) fail("CD: no such CG");
-          const BuiltChannelGroup& bg = bd.channel_groups[static_cast<size_t>(t.cg)];
-          cg = bg.offset;
-          if (t.cn >= 0) {
-            if (static_cast<size_t>(t.cn) >= bg.channels.size()) fail("CD: no such channel");
-            cn = bg.channels[static_cast<size_t>(t.cn)].offset;
-          }
-        }
-      }
-      const auto e = static_cast<uint32_t>(off::cd_links + 12 * k);
-      w.link(e, dg, "CD data group");
-      w.link(e + 4, cg, "CD channel group");
-      w.link(e + 8, cn, "CD channel");
+      const auto e = static_cast<uint32_t>(at + off::cd_links + 12 * k);
+      const auto pick = [](const auto& v, int i) -> const auto& {
+        if (i < 0 || static_cast<size_t>(i) >= v.size()) fail("CD: no such block");
+        return v[static_cast<size_t>(i)];
+      };
+      if (t.dg < 0) continue;
+      const BuiltDataGroup& bd = pick(b_.data_groups, t.dg);
+      b_.patch_u32(e, bd.offset);
+      if (t.cg < 0) continue;
+      const BuiltChannelGroup& bg = pick(bd.channel_groups, t.cg);
+      b_.patch_u32(e + 4, bg.offset);
+      if (t.cn >= 0) b_.patch_u32(e + 8, pick(bg.channels, t.cn).offset);
     }
   }
 
   void write_data(const DataGroup& d, BuiltDataGroup& out) {
-    for (auto& g : out.channel_groups) g.records.clear();
-    const uint32_t start = b_.size();
-    if (d.raw_data) {
-      b_.append_bytes(*d.raw_data);
-    } else {
-      if (d.record_ids > 2) fail("record id count above 2 needs raw_data");
-      const std::vector<size_t> order = record_order(d);
-      std::vector<size_t> next(d.channel_groups.size(), 0);
-      for (const size_t g : order) {
-        if (g >= d.channel_groups.size()) fail("record order names a missing channel group");
-        const ChannelGroup& cg = d.channel_groups[g];
-        if (next[g] >= cg.records.size()) fail("record order asks for more records than given");
-        const auto id = static_cast<uint8_t>(cg.record_id & 0xFF);
-        out.channel_groups[g].records.push_back(b_.size());
-        if (d.record_ids >= 1) b_.bytes.push_back(id);
-        b_.append_bytes(cg.records[next[g]++]);
-        if (d.record_ids == 2) b_.bytes.push_back(id);
-      }
-      for (size_t g = 0; g < next.size(); ++g)
-        if (next[g] != d.channel_groups[g].records.size())
-          fail("record order leaves records of a channel group unused");
+    if (d.record_ids > 2) fail("record id count above 2");
+    out.data = b_.size();
+    std::vector<size_t> next(d.channel_groups.size(), 0);
+    for (const size_t g : record_order(d)) {
+      if (g >= d.channel_groups.size()) fail("record order names a missing channel group");
+      const ChannelGroup& cg = d.channel_groups[g];
+      if (next[g] >= cg.records.size()) fail("record order asks for more records than given");
+      const auto id = static_cast<uint8_t>(cg.record_id & 0xFF);
+      out.channel_groups[g].records.push_back(b_.size());
+      if (d.record_ids >= 1) b_.bytes.push_back(id);
+      b_.append_bytes(cg.records[next[g]++]);
+      if (d.record_ids == 2) b_.bytes.push_back(id);
     }
-    out.data = start;
-    out.data_size = b_.size() - start;
-    const uint32_t link = d.data_link ? *d.data_link : (out.data_size == 0 ? 0 : start);
+    for (size_t g = 0; g < next.size(); ++g)
+      if (next[g] != d.channel_groups[g].records.size())
+        fail("record order leaves records of a channel group unused");
+    out.data_size = b_.size() - out.data;
+    const uint32_t link = d.data_link ? *d.data_link : (out.data_size == 0 ? 0 : out.data);
     b_.patch_u32(out.offset + off::dg_data, link);
   }
 

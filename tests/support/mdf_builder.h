@@ -31,13 +31,14 @@
 // requested order, ...). Image's patch functions throw std::out_of_range outside the image.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -58,29 +59,23 @@ class Image {
   std::vector<uint8_t> bytes;
 
   uint32_t size() const { return static_cast<uint32_t>(bytes.size()); }
-
-  // Appends a zero-filled block with a 2-char identifier and the given size field; returns its
-  // offset. At least 4 bytes are appended even when size is below 4.
+  // Appends a zero-filled block with a 2-char identifier and the given size field (at least 4
+  // bytes), or bytes; returns the offset.
   uint32_t append_block(std::string_view id, uint16_t size);
-  // Appends a TX block: "TX", size = text length + 5, the text, a zero byte.
-  uint32_t append_text_block(std::string_view text);
   uint32_t append_bytes(std::span<const uint8_t> data);
-  uint32_t append_zeros(size_t count);
 
-  void patch_u8(uint64_t at, uint8_t v);
-  void patch_u16(uint64_t at, uint16_t v);
-  void patch_u32(uint64_t at, uint32_t v);
-  void patch_u64(uint64_t at, uint64_t v);
-  void patch_f64(uint64_t at, double v);
+  // Little-endian numbers of n bytes.
+  void patch(uint64_t at, uint64_t v, size_t n);
+  void patch_u8(uint64_t at, uint8_t v) { patch(at, v, 1); }
+  void patch_u16(uint64_t at, uint16_t v) { patch(at, v, 2); }
+  void patch_u32(uint64_t at, uint32_t v) { patch(at, v, 4); }
+  void patch_u64(uint64_t at, uint64_t v) { patch(at, v, 8); }
+  void patch_f64(uint64_t at, double v) { patch(at, std::bit_cast<uint64_t>(v), 8); }
   void patch_bytes(uint64_t at, std::span<const uint8_t> data);
-  void patch_bytes(uint64_t at, std::initializer_list<uint8_t> data);
   // Writes text into a fixed-width field, zero-padded; throws if it is longer than width.
   void patch_chars(uint64_t at, size_t width, std::string_view text);
-
-  uint16_t u16(uint64_t at) const;
   uint32_t u32(uint64_t at) const;
-
-  void truncate(size_t new_size);  // only shrinks
+  void truncate(size_t new_size) { bytes.resize(std::min(new_size, bytes.size())); }
 
  private:
   void need(uint64_t at, size_t n) const;
@@ -104,7 +99,6 @@ void put_f64(std::span<uint8_t> rec, size_t byte_offset, double v,
              ByteOrder order = ByteOrder::intel);
 // Raw bytes, e.g. a VAX float the caller has encoded, or a string.
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t> data);
-void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::initializer_list<uint8_t> data);
 
 // ---------------------------------------------------------------------------------------------
 // File description.
@@ -125,26 +119,30 @@ class Text {
   std::shared_ptr<const std::string> p_;
 };
 
+// The block is 46 bytes and its tail (a formula zero-padded to at least 256 bytes).
 struct Conversion : ConversionFields {
   std::optional<uint16_t> param_count;  // default: the number of entries of the used tail member
                                         // (0 for type 10 and for raw_tail)
-  std::optional<uint16_t> block_size;   // default: 46 + tail size (type 10: formula zero-padded
-                                        // to at least 256 bytes)
 };
 using ConversionPtr = std::shared_ptr<Conversion>;
 
 // Factories; the result may be assigned to several channels, which then share one CC block.
-ConversionPtr linear(double offset, double factor, std::string unit = {});  // phys = raw*P2+P1
+// A rule of parameters: linear (P1 offset, P2 factor), polynomial, exponential, logarithmic,
+// rational, identity.
+ConversionPtr params(uint16_t type, std::vector<double> p, std::string unit = {});
+inline ConversionPtr linear(double offset, double factor, std::string unit = {}) {
+  return params(cc::linear, {offset, factor}, std::move(unit));
+}
+inline ConversionPtr identity(std::string unit = {}) { return params(cc::identity, {}, unit); }
+inline ConversionPtr polynomial(std::vector<double> p, std::string u = {}) { return params(6, p, u); }
+inline ConversionPtr exponential(std::vector<double> p, std::string u = {}) { return params(7, p, u); }
+inline ConversionPtr logarithmic(std::vector<double> p, std::string u = {}) { return params(8, p, u); }
+inline ConversionPtr rational(std::vector<double> p, std::string u = {}) { return params(9, p, u); }
 ConversionPtr table(bool interpolate, std::vector<std::pair<double, double>> points,
                     std::string unit = {});  // type 1 if interpolate, else 2
-ConversionPtr polynomial(std::array<double, 6> p, std::string unit = {});
-ConversionPtr exponential(std::array<double, 7> p, std::string unit = {});
-ConversionPtr logarithmic(std::array<double, 7> p, std::string unit = {});
-ConversionPtr rational(std::array<double, 6> p, std::string unit = {});
 ConversionPtr formula(std::string text, std::string unit = {});
 ConversionPtr verbal_table(std::vector<VerbalEntry> entries, std::string unit = {});
 ConversionPtr range_table(std::vector<RangeEntry> entries, std::string unit = {});
-ConversionPtr identity(std::string unit = {});
 ConversionPtr raw_conversion(uint16_t type, uint16_t param_count, std::vector<uint8_t> tail,
                              std::string unit = {});
 
@@ -159,8 +157,6 @@ ExtensionPtr extension(uint16_t type, std::vector<uint8_t> record);
 struct Dependency {
   uint16_t type = 0;
   std::vector<DependencyTarget> targets;  // resolved to links after all blocks are placed
-  std::optional<uint16_t> count;          // default targets.size()
-  std::optional<uint16_t> block_size;     // default 8 + 12 * targets.size()
 };
 using DependencyPtr = std::shared_ptr<Dependency>;
 DependencyPtr dependency(uint16_t type, std::vector<DependencyTarget> targets);
@@ -211,13 +207,11 @@ struct DataGroup {
   uint16_t record_ids = 0;  // 0, 1 or 2
   std::deque<ChannelGroup> channel_groups;
   std::optional<Trigger> trigger;
-  // The data section. If raw_data is set it is written as it is. Otherwise it is made from the
-  // channel groups' records: without record ids the records of every channel group one after
-  // the other, in channel-group order; with record ids the records are interleaved in `order`
-  // (a list of channel-group indices, one per record; empty: round robin, one record of each
-  // channel group in turn while any is left), each led by the low byte of the channel group's
-  // record id and, with two record ids, followed by it again.
-  std::optional<std::vector<uint8_t>> raw_data;
+  // The data section, made from the channel groups' records: without record ids the records of
+  // every channel group one after the other, in channel-group order; with record ids the
+  // records are interleaved in `order` (a list of channel-group indices, one per record; empty:
+  // round robin, one record of each channel group in turn while any is left), each led by the
+  // low byte of the channel group's record id and, with two record ids, followed by it again.
   std::vector<size_t> order;
   std::optional<uint32_t> data_link;  // default: offset of the data section, 0 if it is empty
 
