@@ -171,8 +171,8 @@ struct DependencyTarget {
 template <class S>
 struct Field {
   uint32_t at;
-  std::variant<uint8_t S::*, uint16_t S::*, int16_t S::*, uint64_t S::*, double S::*,
-               std::string S::*>
+  std::variant<uint8_t S::*, uint16_t S::*, int16_t S::*, uint32_t S::*, uint64_t S::*,
+               double S::*, std::string S::*>
       member;
   uint32_t width = 0;
 };
