@@ -957,10 +957,6 @@ TEST_F(ChannelApi, RefusedModesAreRaised) {
   EXPECT_EQ(mdfChnClose(nullptr), 0);
 }
 
-}  // namespace
-
-namespace {
-
 size_t log_size() {
   std::error_code ec;
   const auto size = fs::file_size("KORVEL.LOG", ec);
@@ -996,55 +992,29 @@ TEST_F(ChannelApi, RaisedAndReturnedStatuses) {
   mdfPrintMessage("statuses");  // the log is created (and emptied) at this process's first line
   mdf_group* g = open(write(ten_records()), MDF_OPEN_READ);
   const Ch u16 = open_channel(g, 1), u40 = open_channel(g, 2), nibble = open_channel(g, 3);
-  struct Case {
-    const char* what;
-    std::function<int16_t()> call;
-    int16_t status;
-    bool logged;
-  };
-  double d = 0;
+  double d = 0, lo = 0, hi = 0;
   uint8_t bytes[8];
   uint32_t length = sizeof bytes;
-  const Case cases[] = {
-      {"index beyond the end",
-       [&] {
-         Ch c;
-         return mdfChnOpen(&c, g, 99);
-       },
-       MDF_CHANNEL_NOT_FOUND, true},
-      {"no time channel",
-       [&] {
-         Ch c;
-         return mdfChnOpenTime(&c, g);
-       },
-       MDF_TIME_CHN_NOT_FOUND, true},
-      {"name not found",
-       [&] {
-         Ch c;
-         return mdfChnOpenName(&c, g, "none");
-       },
-       MDF_CHN_NAME_NOT_FOUND, false},
-      {"past the last record", [&] { return mdfChnGetHex(&d, u16, 10); }, MDF_END_OF_GROUP, false},
-      {"40 bits as a double", [&] { return mdfChnGetHex(&d, u40, 0); }, MDF_UNSUPPORTED_TYPE,
-       false},
+  Ch c = nullptr;
+  // What is asked, the status, whether it is logged.
+  const std::tuple<const char*, std::function<int16_t()>, int16_t, bool> cases[] = {
+      {"index beyond the end", [&] { return mdfChnOpen(&c, g, 99); }, kNoChannel, true},
+      {"no time channel", [&] { return mdfChnOpenTime(&c, g); }, MDF_TIME_CHN_NOT_FOUND, true},
+      {"no such name", [&] { return mdfChnOpenName(&c, g, "none"); }, MDF_CHN_NAME_NOT_FOUND, false},
+      {"past the last record", [&] { return mdfChnGetHex(&d, u16, 10); }, kEnd, false},
+      {"40 bits as a double", [&] { return mdfChnGetHex(&d, u40, 0); }, kUnsupported, false},
       {"4 bits as bytes", [&] { return mdfChnGetData(bytes, &length, nibble, 0); },
        MDF_NOT_BYTE_ALIGNED, false},
-      {"no range",
-       [&] {
-         double lo, hi;
-         return mdfChnGetHexRange(&lo, &hi, u16);
-       },
-       MDF_RANGE_UNKNOWN, false},
-      {"no conversion", [&] { return mdfChnGetForm(u16, nullptr, nullptr, nullptr); },
-       MDF_NO_FORMULA, false},
+      {"no range", [&] { return mdfChnGetHexRange(&lo, &hi, u16); }, MDF_RANGE_UNKNOWN, false},
+      {"no rule", [&] { return mdfChnGetForm(u16, nullptr, nullptr, nullptr); }, MDF_NO_FORMULA,
+       false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, call, status, logged] : cases) {
+    SCOPED_TRACE(what);
     const size_t before = log_size();
-    EXPECT_EQ(c.call(), c.status);
-    EXPECT_EQ(log_size() > before, c.logged);
+    EXPECT_EQ(call(), status);
+    EXPECT_EQ(log_size() > before, logged);
   }
   EXPECT_EQ(mdfGetErrorCode(), 0);
 }
-
 }  // namespace
