@@ -242,39 +242,28 @@ struct FileModel {
 // Build result: the image plus the offset of every block (0 where none was written).
 
 struct BuiltChannel {
-  uint32_t offset = 0;
-  uint32_t comment = 0;
-  uint32_t long_name = 0;
-  uint32_t display_name = 0;
-  uint32_t conversion = 0;
-  uint32_t extension = 0;
-  uint32_t dependency = 0;
+  uint32_t offset = 0, comment = 0, long_name = 0, display_name = 0, conversion = 0,
+           extension = 0, dependency = 0;
 };
 
 struct BuiltChannelGroup {
-  uint32_t offset = 0;
-  uint32_t comment = 0;
+  uint32_t offset = 0, comment = 0;
   std::vector<uint32_t> sample_reductions;
   std::vector<BuiltChannel> channels;
   std::vector<uint32_t> records;  // file offset of each record (of its leading id, if any)
 };
 
 struct BuiltDataGroup {
-  uint32_t offset = 0;
-  uint32_t trigger = 0;
-  uint32_t trigger_comment = 0;
+  uint32_t offset = 0, trigger = 0, trigger_comment = 0;
   uint32_t data = 0;  // where the data section was placed (even when the link says otherwise)
   uint32_t data_size = 0;
   std::vector<BuiltChannelGroup> channel_groups;
 };
 
 struct Built : Image {
-  uint32_t header = 64;
-  uint32_t header_comment = 0;
-  uint32_t program = 0;
+  uint32_t header = 64, header_comment = 0, program = 0;
   std::vector<BuiltDataGroup> data_groups;
   std::map<const void*, uint32_t> shared_blocks;  // shared Text/CC/CE/CD -> offset
-
 };
 
 Built build(const FileModel& file);

@@ -33,30 +33,24 @@ namespace mdftest {
 
 struct FileModel;  // mdf_builder.h
 
+// Each block's offset and size, its links and counts, the blocks and texts behind them.
 struct ReadHeader : HeaderFields {
-  uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint32_t first_dg_link = 0;
-  uint32_t comment_link = 0;
-  uint32_t program_link = 0;
-  uint16_t dg_count = 0;
+  uint32_t offset = 0, first_dg_link = 0, comment_link = 0, program_link = 0;
+  uint16_t block_size = 0, dg_count = 0;
   std::optional<std::string> comment;
   std::optional<std::vector<uint8_t>> program;  // PR bytes after its head
 };
 
 struct ReadTrigger {
-  uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint32_t comment_link = 0;
+  uint32_t offset = 0, comment_link = 0;
+  uint16_t block_size = 0, event_count = 0;
   std::optional<std::string> comment;
-  uint16_t event_count = 0;
   std::vector<TriggerEvent> events;  // as many as the count says and the block holds
 };
 
 struct ReadConversion : ConversionFields {
   uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint16_t param_count = 0;
+  uint16_t block_size = 0, param_count = 0;
 };
 
 struct ReadExtension : ExtensionFields {  // record: block bytes from offset 6 on
@@ -66,9 +60,7 @@ struct ReadExtension : ExtensionFields {  // record: block bytes from offset 6 o
 
 struct ReadDependency {
   uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint16_t type = 0;
-  uint16_t count = 0;
+  uint16_t block_size = 0, type = 0, count = 0;
   struct Links {
     uint32_t dg = 0, cg = 0, cn = 0;
   };
@@ -77,15 +69,11 @@ struct ReadDependency {
 };
 
 struct ReadChannel : ChannelFields {
-  uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint32_t next_link = 0;
-  uint32_t conversion_link = 0;
-  uint32_t extension_link = 0;
-  uint32_t dependency_link = 0;
-  uint32_t comment_link = 0;
+  uint32_t offset = 0, next_link = 0, conversion_link = 0, extension_link = 0,
+           dependency_link = 0, comment_link = 0;
   uint32_t long_name_link = 0;     // 0 if the block is shorter than 222
   uint32_t display_name_link = 0;  // 0 if the block is shorter than 228
+  uint16_t block_size = 0;
   std::optional<std::string> comment, long_name, display_name;
   std::optional<ReadConversion> conversion;
   std::optional<ReadExtension> extension;
@@ -93,29 +81,16 @@ struct ReadChannel : ChannelFields {
 };
 
 struct ReadChannelGroup {
-  uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint32_t next_link = 0;
-  uint32_t first_cn_link = 0;
-  uint32_t comment_link = 0;
-  uint16_t record_id = 0;
-  uint16_t cn_count = 0;
-  uint16_t record_size = 0;
-  uint32_t record_count = 0;
+  uint32_t offset = 0, next_link = 0, first_cn_link = 0, comment_link = 0, record_count = 0;
+  uint16_t block_size = 0, record_id = 0, cn_count = 0, record_size = 0;
   std::optional<std::string> comment;
   std::vector<ReadChannel> channels;
   std::vector<std::vector<uint8_t>> records;  // data bytes of each record, without ids
 };
 
 struct ReadDataGroup {
-  uint32_t offset = 0;
-  uint16_t block_size = 0;
-  uint32_t next_link = 0;
-  uint32_t first_cg_link = 0;
-  uint32_t trigger_link = 0;
-  uint32_t data_link = 0;
-  uint16_t cg_count = 0;
-  uint16_t record_ids = 0;
+  uint32_t offset = 0, next_link = 0, first_cg_link = 0, trigger_link = 0, data_link = 0;
+  uint16_t block_size = 0, cg_count = 0, record_ids = 0;
   std::optional<ReadTrigger> trigger;
   std::vector<ReadChannelGroup> channel_groups;
   // The data section: from the data link, as many bytes as the declared records take
