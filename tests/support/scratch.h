@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "korvel.h"
+#include "support/mdf_builder.h"
+
 namespace mdftest {
 
 // A fresh, empty directory named after the running test.
@@ -31,5 +34,38 @@ inline std::filesystem::path copy_writable(const std::filesystem::path& from,
                                std::filesystem::perm_options::add);
   return to;
 }
+
+// A test in a fresh library session with a scratch directory of its own.
+class Session : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    restart();
+    dir_ = scratch_dir("korvel");
+  }
+  void TearDown() override {
+    mdfClose();
+    std::filesystem::remove_all(dir_);
+  }
+  // A fresh library session: a raised failure leaves a sticky error behind.
+  static void restart() {
+    mdfClose();
+    ASSERT_EQ(mdfOpen(nullptr), 0);
+  }
+  std::string path(const std::string& name) const { return (dir_ / name).string(); }
+  // Writes a file into the scratch directory; returns its name.
+  std::string write(const Image& image, const std::string& name = "in.mdf") const {
+    write_file(path(name), image.bytes);
+    return path(name);
+  }
+  std::string write(const FileModel& model, const std::string& name = "in.mdf") const {
+    return write(build(model), name);
+  }
+  static mdf_file* open_file(const std::string& file, uint16_t mode = MDF_OPEN_READ) {
+    mdf_file* f = nullptr;
+    EXPECT_EQ(mdfFileOpen(&f, file.c_str(), mode), 0) << file;
+    return f;
+  }
+  std::filesystem::path dir_;
+};
 
 }  // namespace mdftest
