@@ -41,11 +41,7 @@ std::vector<Layout> layouts() {
       out.push_back({static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
     }
   }
-  out.push_back({4, 32, 32});
-  out.push_back({5, 0, 64});
-  out.push_back({7, 128, 64});
-  out.push_back({8, 64, 40});
-  out.push_back({8, 4, 16});
+  out.insert(out.end(), {{4, 32, 32}, {5, 0, 64}, {7, 128, 64}, {8, 64, 40}, {8, 4, 16}});
   return out;
 }
 
@@ -82,25 +78,16 @@ void fill_group(mdftest::ChannelGroup& cg, std::mt19937& random) {
   }
 }
 
-class BulkRead : public ::testing::Test {
+class BulkRead : public mdftest::Session {
  protected:
-  void SetUp() override {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    dir_ = mdftest::scratch_dir("korvel_bulk");
+  // The file in a fresh session, and the channel of its first group.
+  channelnode* first_channel(const mdftest::Image& file, mdf_group** g = nullptr) {
+    restart();
+    channelnode* ch = nullptr;
+    mdf_group* group = nullptr;
+    EXPECT_EQ(mdfGrpChnOpen(&ch, g ? g : &group, open_file(write(file)), 1, 0), 0);
+    return ch;
   }
-  void TearDown() override {
-    mdfClose();
-    fs::remove_all(dir_);
-  }
-  mdf_file* open(const mdftest::FileModel& f) {
-    const auto p = (dir_ / "in.mdf").string();
-    mdftest::write_file(p, mdftest::build(f).bytes);
-    mdf_file* file = nullptr;
-    EXPECT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_READ), 0);
-    return file;
-  }
-  fs::path dir_;
 };
 
 template <class T>
@@ -210,16 +197,14 @@ TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGrou
       auto& other = dg.add_channel_group(5, 9);
       other.add_channel("o", 0, 40, 0);
       for (uint32_t r = 0; r < 20; ++r) other.add_record()[0] = static_cast<uint8_t>(r);
-      for (uint32_t r = 0; r < kRecords + 20; ++r) dg.order.push_back(random() % 3 == 0 ? 1 : 0);
       // The order must hold exactly the records of each group.
-      dg.order.clear();
       for (uint32_t r = 0, a = 0, b = 0; r < kRecords + 20; ++r) {
         const bool take_other = b < 20 && (a == kRecords || random() % 3 == 0);
         dg.order.push_back(take_other ? 1 : 0);
         (take_other ? b : a)++;
       }
     }
-    mdf_file* file = open(f);
+    mdf_file* file = open_file(write(f));
     compare_group(file, 1, kRecords);
     ASSERT_EQ(mdfFileClose(file), 0);
     if (HasFatalFailure()) return;
@@ -244,10 +229,7 @@ mdftest::FileModel counting(uint16_t ids) {
 
 TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
   for (uint16_t ids : {uint16_t{0}, uint16_t{2}}) {
-    mdf_file* file = open(counting(ids));
-    channelnode* ch = nullptr;
-    mdf_group* g = nullptr;
-    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    channelnode* ch = first_channel(mdftest::build(counting(ids)));
     struct Edge {
       uint32_t first, count;
       int16_t status;
@@ -271,76 +253,49 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
       ASSERT_EQ(mdfChnReadHexIntArray(&raw, nullptr, ch, r, 1), 0);
       EXPECT_EQ(raw, r);
     }
-    ASSERT_EQ(mdfFileClose(file), 0);
   }
 }
 
 TEST_F(BulkRead, BadArgumentsAndHandles) {
-  mdf_file* file = open(counting(0));
-  channelnode* ch = nullptr;
+  const auto file = mdftest::build(counting(0));
   mdf_group* g = nullptr;
-  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
   uint32_t done = 5;
   double v[2];
+  uint8_t bytes[4];
+  channelnode* ch = first_channel(file);
   EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, ch, 0, 0), 0);  // nothing asked, nothing needed
   EXPECT_EQ(mdfChnReadPhyArray(v, &done, nullptr, 0, 1), MDF_ERR_BAD_CHANNEL);
   EXPECT_EQ(done, 0u);
-  mdfClose();
-  ASSERT_EQ(mdfOpen(nullptr), 0);
-  file = open(counting(0));
-  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+  first_channel(file, &g);
   EXPECT_EQ(mdfGrpReadTimeArray(v, &done, g, 0, 1), MDF_NO_TIME_CHANNEL);
-  mdfClose();
-  ASSERT_EQ(mdfOpen(nullptr), 0);
-  file = open(counting(0));
-  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
-  uint8_t bytes[4];
   // A slot narrower than the 2-byte field is refused, and the error sticks.
+  ch = first_channel(file);
   EXPECT_EQ(mdfChnReadBytesArray(bytes, 1, &done, ch, 0, 2), MDF_ERR_FATAL);
   EXPECT_EQ(mdfChnReadPhyArray(v, &done, ch, 0, 1), MDF_ERR_FATAL);
-  mdfClose();
-  ASSERT_EQ(mdfOpen(nullptr), 0);
-  file = open(counting(0));
-  ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
-  EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, ch, 0, 1), MDF_ERR_FATAL);
+  EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, first_channel(file), 0, 1), MDF_ERR_FATAL);
 }
 
 TEST_F(BulkRead, DamagedRecordsEndTheReadWhereThePerValueReadFails) {
-  struct Damage {
-    const char* name;
-    uint16_t ids;
-    int64_t cut;       // bytes taken off the end of the file (0: none)
-    bool unknown_id;   // an unknown identifier before the group's 7th record
-  };
-  for (const Damage& d : {Damage{"unknown id, unsorted", 2, 0, true},
-                          Damage{"cut inside the last record", 2, 1, false},
-                          Damage{"cut, sorted", 0, 5, false}}) {
-    SCOPED_TRACE(d.name);
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    const auto f = counting(d.ids);
-    auto built = mdftest::build(f);
-    const auto& cg0 = built.data_groups[0].channel_groups[0];
-    if (d.unknown_id) built.patch_u8(cg0.records[6], 0x77);
+  // Identifiers, bytes taken off the end of the file, an unknown identifier before the
+  // group's 7th record.
+  const std::tuple<const char*, uint16_t, size_t, bool> damages[] = {
+      {"unknown id, unsorted", 2, 0, true},
+      {"cut inside the last record", 2, 1, false},
+      {"cut, sorted", 0, 5, false}};
+  for (const auto& [name, ids, cut, unknown_id] : damages) {
+    SCOPED_TRACE(name);
+    auto built = mdftest::build(counting(ids));
+    if (unknown_id) built.patch_u8(built.data_groups[0].channel_groups[0].records[6], 0x77);
     // The data section ends the file when the data groups' records come last.
-    const auto& dgb = built.data_groups[0];
-    ASSERT_EQ(dgb.data + dgb.data_size, built.size());
-    if (d.cut != 0) built.truncate(built.size() - static_cast<size_t>(d.cut));
-    const auto p = (dir_ / "damaged.mdf").string();
-    mdftest::write_file(p, built.bytes);
+    ASSERT_EQ(built.data_groups[0].data + built.data_groups[0].data_size, built.size());
+    built.truncate(built.size() - cut);
     // The per-value reads first: how many records can be read before a failure.
-    mdf_file* file = nullptr;
-    ASSERT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_READ), 0);
-    channelnode* ch = nullptr;
     mdf_group* g = nullptr;
-    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    first_channel(built, &g);
     uint32_t readable = 0;
     int16_t failure = 0;
     while ((failure = mdfGrpSeek(g, static_cast<int32_t>(readable), MDF_SEEK_ABS)) == 0) ++readable;
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    ASSERT_EQ(mdfFileOpen(&file, p.c_str(), MDF_OPEN_READ), 0);
-    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    channelnode* ch = first_channel(built);
     std::vector<double> v(10);
     uint32_t done = 0;
     EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, 0, 10), failure);
@@ -355,9 +310,7 @@ TEST_F(BulkRead, SampleFilesReadTheSameBothWays) {
   for (const auto& entry : fs::directory_iterator(KORVEL_SAMPLES_DIR, ec)) {
     if (entry.path().extension() != ".mdf") continue;
     SCOPED_TRACE(entry.path().filename().string());
-    const auto copy = mdftest::copy_writable(entry.path(), dir_);
-    mdf_file* file = nullptr;
-    ASSERT_EQ(mdfFileOpen(&file, copy.string().c_str(), MDF_OPEN_READ), 0);
+    mdf_file* file = open_file(mdftest::copy_writable(entry.path(), dir_).string());
     uint16_t groups = 0;
     ASSERT_EQ(mdfFileGroups(&groups, file), 0);
     for (uint16_t n = 1; n <= groups; ++n) {
