@@ -21,28 +21,14 @@ namespace {
 
 const double kTimes[] = {0.0, 0.5, 1.0, 2.0, 2.0, 4.0};
 
-class GroupTime : public ::testing::Test {
+class GroupTime : public mdftest::Session {
  protected:
-  void SetUp() override {
-    reset();
-    dir_ = mdftest::scratch_dir("korvel_group_time");
-  }
-  void TearDown() override {
-    mdfClose();
-    std::filesystem::remove_all(dir_);
-  }
-  static void reset() {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-  }
-  std::string path() const { return (dir_ / "in.mdf").string(); }
-  // Opens group 1 of the file at path(), written from `f` unless it is null.
+  std::string file() const { return path("in.mdf"); }
+  // Opens group 1 of in.mdf, written from `f` unless it is null.
   mdf_group* open(const mdftest::FileModel* f, uint16_t mode = MDF_OPEN_READ) {
-    if (f != nullptr) mdftest::write_file(path(), mdftest::build(*f).bytes);
-    mdf_file* file = nullptr;
+    if (f != nullptr) write(*f);
     mdf_group* g = nullptr;
-    EXPECT_EQ(mdfFileOpen(&file, path().c_str(), mode), 0);
-    EXPECT_EQ(mdfGrpOpen(&g, file, 1, mode), 0);
+    EXPECT_EQ(mdfGrpOpen(&g, open_file(file(), mode), 1, mode), 0);
     return g;
   }
   static uint32_t tell(mdf_group* g) {
@@ -50,7 +36,6 @@ class GroupTime : public ::testing::Test {
     mdfGrpTell(&at, g);
     return at;
   }
-  std::filesystem::path dir_;
 };
 
 // A channel group whose time channel (double) holds kTimes; with `unsorted` its records
@@ -107,7 +92,7 @@ TEST_F(GroupTime, SeekTimeTable) {
       EXPECT_EQ(tell(g), at);
     }
     EXPECT_EQ(mdfGetErrorCode(), 0);
-    reset();
+    restart();
   }
 }
 
@@ -131,18 +116,15 @@ TEST_F(GroupTime, TimeThroughTheRuleBothWays) {
     uint8_t* data = nullptr;
     mdfGrpBuffer(&data, g);
     EXPECT_EQ(mdftest::get_bits({data, 4}, 0, 32), raw);
-    reset();
+    restart();
   }
 }
 
 // A created group with times, comment and trigger; then the same file modified: times reach
 // the file through appends and writes, texts and triggers at close, and replaced blocks stay.
 TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
-  mdf_file* file = nullptr;
-  mdf_group* g = nullptr;
+  mdf_group* g = open(nullptr, MDF_OPEN_CREATE);
   channelnode* ch = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, path().c_str(), MDF_OPEN_CREATE), 0);
-  ASSERT_EQ(mdfGrpOpen(&g, file, 1, MDF_OPEN_CREATE), 0);
   ASSERT_EQ(mdfChnCreate(&ch, g, MDF_CHN_TIME, 16, MDF_DT_UINT, "time"), 0);
   ASSERT_EQ(mdfChnSetFormLin(ch, "s", 1.0, 0.25), 0);
   for (int k = 0; k < 5; ++k) {  // raw 0, 3, 6, 9, 12; written as four records
@@ -155,9 +137,9 @@ TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
   }
   ASSERT_EQ(mdfGrpSetTrigger(g, "replaced", 1, events), 0);
   ASSERT_EQ(mdfGrpSetTrigger(g, "trigger note", 2, events), 0);
-  ASSERT_EQ(mdfFileClose(file), 0);
+  restart();
 
-  const auto r = mdftest::read_file(path());
+  const auto r = mdftest::read_file(file());
   ASSERT_TRUE(r.ok()) << r.error_text();
   const auto& dg = r.data_groups.at(0);
   const auto& cg = dg.channel_groups.at(0);
@@ -178,11 +160,11 @@ TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
   ASSERT_EQ(mdfGrpSeekTime(g, 2.5, MDF_SEEK_TIME_EXACT), 0);  // raw 6
   ASSERT_EQ(tell(g), 2u);
   ASSERT_EQ(mdfGrpSetTime(g, 3.0), 0);  // raw 8, in memory only
-  EXPECT_EQ(mdftest::load_file(path()).at(dg.data_link + 2 * 3 + 1), 6);
+  EXPECT_EQ(mdftest::load_file(file()).at(dg.data_link + 2 * 3 + 1), 6);
   ASSERT_EQ(mdfGrpWrite(g), 0);
   ASSERT_EQ(mdfGrpSetText(g, ""), 0);
-  reset();
-  const auto r2 = mdftest::read_file(path());
+  restart();
+  const auto r2 = mdftest::read_file(file());
   ASSERT_TRUE(r2.ok()) << r2.error_text();
   const auto& modified = r2.data_groups.at(0).channel_groups.at(0);
   EXPECT_EQ(modified.comment, std::nullopt);
@@ -213,7 +195,7 @@ TEST_F(GroupTime, TriggersReadFromFiles) {
     std::vector<double> all(3u * n);
     if (n != 0) std::memcpy(all.data(), events, all.size() * sizeof(double));
     for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i < 3 ? double(i + 1) : 0.0) << i;
-    reset();
+    restart();
   }
 }
 
@@ -230,10 +212,10 @@ TEST_F(GroupTime, SeekTimeBeyondTwoToThe31Records) {
   built.patch_u32(built.data_groups[0].channel_groups[0].offset + mdftest::off::cg_record_count,
                   kCount);
   const uint64_t end = uint64_t{built.data_groups[0].data} + kCount;
-  mdftest::write_file(path(), built.bytes);
+  mdftest::write_file(file(), built.bytes);
   {
     // Writing the last record's byte past the end leaves a hole of zeros.
-    std::fstream out(path(), std::ios::in | std::ios::out | std::ios::binary);
+    std::fstream out(file(), std::ios::in | std::ios::out | std::ios::binary);
     out.seekp(static_cast<std::streamoff>(end - 1));
     out.put(1);
     ASSERT_TRUE(out.good());
