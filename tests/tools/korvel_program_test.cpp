@@ -91,6 +91,7 @@ class Program : public ::testing::Test {
   // The library's log goes to a private directory, never to the user's.
   void TearDown() override {
     EXPECT_FALSE(fs::exists(dir / "KORVEL.LOG"));
+    fs::remove_all(dir);
   }
 };
 
