@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 
 #include "korvel.h"
 #include "support/mdf_builder.h"
@@ -80,10 +81,8 @@ TEST_F(FormApi, GetForm) {
   EXPECT_EQ(mdfChnGetForm(channel(1), &type, &unit, &params), MDF_NO_FORMULA);
   EXPECT_EQ(log_text().size(), log_size);  // returned quietly
   ASSERT_EQ(mdfChnGetForm(channel(2), &type, &unit, &params), 0);
-  EXPECT_EQ(type, MDF_CC_FRM_LIN);
-  EXPECT_STREQ(unit, "km/h");
-  EXPECT_EQ(real_at(params, 0), 1.0);
-  EXPECT_EQ(real_at(params, 1), 2.0);
+  EXPECT_EQ(std::make_tuple(type, std::string(unit), real_at(params, 0), real_at(params, 1)),
+            std::make_tuple(MDF_CC_FRM_LIN, "km/h", 1.0, 2.0));
   EXPECT_EQ(mdfChnGetForm(channel(2), nullptr, nullptr, nullptr), 0);
 }
 
@@ -93,27 +92,18 @@ TEST_F(FormApi, TableGetters) {
   const uint16_t* count = nullptr;
   const void* points = nullptr;
   ASSERT_EQ(mdfChnGetFormTab(channel(3), &type, &unit, &count, &points), 0);
-  EXPECT_EQ(type, MDF_CC_FRM_ITAB);
-  EXPECT_STREQ(unit, "bar");
-  ASSERT_EQ(*count, 3);
-  EXPECT_EQ(real_at(points, 4), 2.0);
-  EXPECT_EQ(real_at(points, 5), 40.0);
-
+  EXPECT_EQ(std::make_tuple(type, std::string(unit), *count, real_at(points, 4), real_at(points, 5)),
+            std::make_tuple(MDF_CC_FRM_ITAB, "bar", uint16_t{3}, 2.0, 40.0));
+  // Entry 1 of a verbal table starts 40 bytes in.
   ASSERT_EQ(mdfChnGetFormVTab(channel(4), &type, &unit, &count, &points), 0);
-  EXPECT_EQ(type, MDF_CC_FRM_VTAB);
-  ASSERT_EQ(*count, 2);
-  EXPECT_EQ(real_at(points, 5), 1.0);  // entry 1 starts 40 bytes in
-  EXPECT_STREQ(static_cast<const char*>(points) + 48, "on");
-
+  EXPECT_EQ(std::make_tuple(type, *count, real_at(points, 5),
+                            std::string(static_cast<const char*>(points) + 48)),
+            std::make_tuple(MDF_CC_FRM_VTAB, uint16_t{2}, 1.0, "on"));
   double offset = 7, factor = 7;
   ASSERT_EQ(mdfChnGetFormVTabR(channel(6), &type, &unit, &offset, &factor, &count, &points), 0);
-  EXPECT_EQ(type, MDF_CC_FRM_VTABR);
-  EXPECT_EQ(offset, -10.0);
-  EXPECT_EQ(factor, 2.5);
+  EXPECT_EQ(std::make_tuple(type, offset, factor), std::make_tuple(MDF_CC_FRM_VTABR, -10.0, 2.5));
   ASSERT_EQ(mdfChnGetFormVTabR(channel(5), &type, &unit, &offset, &factor, &count, &points), 0);
-  EXPECT_EQ(*count, 3);
-  EXPECT_EQ(offset, 0.0);
-  EXPECT_EQ(factor, 1.0);
+  EXPECT_EQ(std::make_tuple(*count, offset, factor), std::make_tuple(uint16_t{3}, 0.0, 1.0));
 }
 
 TEST_F(FormApi, VerbalTexts) {
@@ -143,42 +133,34 @@ TEST_F(FormApi, VerbalTexts) {
 }
 
 TEST_F(FormApi, WrongKindsAreRaised) {
-  struct Case {
-    uint16_t channel;
-    int16_t (*call)(channelnode*);
-    int16_t status;
-    const char* logged;
-  };
-  const Case cases[] = {
-      {2,
-       [](channelnode* ch) {
+  using Call = int16_t (*)(channelnode*);
+  // Channel, call, status, log line. A refused call hands out no table, but the offset and
+  // factor of a range table before its check.
+  // clang-format off
+  const struct { uint16_t channel; Call call; int16_t status; const char* logged; } cases[] = {
+      {2, [](channelnode* ch) {
          const uint16_t* count = nullptr;
          const void* points = &count;
          const int16_t st = mdfChnGetFormTab(ch, nullptr, nullptr, &count, &points);
          return static_cast<int16_t>(count == nullptr && points == nullptr ? st : 0);
-       },
-       MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
+       }, MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
       {3, [](channelnode* ch) { return mdfChnGetFormVTab(ch, nullptr, nullptr, nullptr, nullptr); },
        MDF_NOT_A_VTAB, "not a verbal table (id=1)"},
-      {4,
-       [](channelnode* ch) {
+      {4, [](channelnode* ch) {
          double offset = 0, factor = 0;
-         const int16_t st =
-             mdfChnGetFormVTabR(ch, nullptr, nullptr, &offset, &factor, nullptr, nullptr);
-         return static_cast<int16_t>(factor == 1.0 ? st : 0);  // handed out before the check
-       },
-       MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
+         const int16_t st = mdfChnGetFormVTabR(ch, nullptr, nullptr, &offset, &factor, nullptr, nullptr);
+         return static_cast<int16_t>(factor == 1.0 ? st : 0);
+       }, MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
       {1, [](channelnode* ch) { return mdfChnGetFormTab(ch, nullptr, nullptr, nullptr, nullptr); },
        MDF_NO_FORMULA, "no formula found"},
       {2, [](channelnode* ch) { return mdfChnSetForm(ch, 9, "u", 1.0); }, MDF_UNKNOWN_FORMULA,
        "unknown formula type (id=9)"},
-      {2,
-       [](channelnode* ch) {
+      {2, [](channelnode* ch) {
          const double pts[2] = {0, 0};
          return mdfChnSetFormTab(ch, 3, "u", 1, pts);
-       },
-       MDF_UNKNOWN_FORMULA, "unknown formula type (id=3)"},
+       }, MDF_UNKNOWN_FORMULA, "unknown formula type (id=3)"},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.logged);
     EXPECT_EQ(c.call(channel(c.channel)), c.status);
@@ -188,41 +170,22 @@ TEST_F(FormApi, WrongKindsAreRaised) {
 }
 
 TEST_F(FormApi, SettingRules) {
-  struct Case {
-    const char* what;
-    int16_t (*set)(channelnode*);
-    uint16_t type;
-    std::vector<double> params;
-  };
-  const Case cases[] = {
-      {"linear",
-       [](channelnode* ch) { return mdfChnSetFormLin(ch, "V", 0.5, 4.0); },
-       0,
-       {0.5, 4.0}},
-      {"variadic",
-       [](channelnode* ch) { return mdfChnSetForm(ch, 0, "V", 3.0, -1.0); },
-       0,
-       {3.0, -1.0}},
-      {"polynomial",
-       [](channelnode* ch) { return mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6); },
-       6,
+  using Set = int16_t (*)(channelnode*);
+  static const double pts[4] = {0, 1, 10, 11};
+  // clang-format off
+  const struct { const char* what; Set set; uint16_t type; std::vector<double> params; } cases[] = {
+      {"linear", [](channelnode* ch) { return mdfChnSetFormLin(ch, "V", 0.5, 4.0); }, 0, {0.5, 4.0}},
+      {"variadic", [](channelnode* ch) { return mdfChnSetForm(ch, 0, "V", 3.0, -1.0); }, 0, {3.0, -1.0}},
+      {"polynomial", [](channelnode* ch) { return mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6); }, 6,
        {1, 2, 3, 4, 5, 6}},
-      {"exponential",
-       [](channelnode* ch) { return mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7); },
-       7,
-       {1, 2, 3, 4, 5, 6, 7}},
-      {"logarithmic",
-       [](channelnode* ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); },
-       8,
-       {7, 6, 5, 4, 3, 2, 1}},
-      {"table",
-       [](channelnode* ch) {
-         const double pts[4] = {0, 1, 10, 11};
-         return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts);
-       },
-       2,
+      {"exponential", [](channelnode* ch) { return mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7); },
+       7, {1, 2, 3, 4, 5, 6, 7}},
+      {"logarithmic", [](channelnode* ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); },
+       8, {7, 6, 5, 4, 3, 2, 1}},
+      {"table", [](channelnode* ch) { return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts); }, 2,
        {0, 1, 10, 11}},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     channelnode* ch = channel(1);
