@@ -28,36 +28,15 @@ using Ch = channelnode*;
 constexpr int16_t kEnd = MDF_END_OF_GROUP, kNoChannel = MDF_CHANNEL_NOT_FOUND,
                   kUnsupported = MDF_UNSUPPORTED_TYPE, kTooShort = MDF_CN_TOO_SHORT;
 
-class ChannelApi : public ::testing::Test {
+class ChannelApi : public mdftest::Session {
  protected:
-  void SetUp() override {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    dir_ = mdftest::scratch_dir("korvel_chn");
-  }
-  void TearDown() override {
-    mdfClose();
-    fs::remove_all(dir_);
-  }
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
-  std::string write(const mdftest::FileModel& model, const std::string& name = "in.mdf") {
-    mdftest::write_file(path(name), mdftest::build(model).bytes);
-    return path(name);
-  }
-  // A fresh library session: a raised failure leaves a sticky error behind.
-  static void restart() {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-  }
   // Opens a file and one of its groups in the same mode (2: a new file with a new group); the
   // file handle is kept in f_.
   mdf_group* open(const std::string& file, uint16_t mode) {
     mdf_group* g = nullptr;
-    EXPECT_EQ(mdfFileOpen(&f_, file.c_str(), mode), 0) << file;
-    EXPECT_EQ(mdfGrpOpen(&g, f_, 1, mode), 0) << file;
+    EXPECT_EQ(mdfGrpOpen(&g, f_ = open_file(file, mode), 1, mode), 0) << file;
     return g;
   }
-  fs::path dir_;
   mdf_file* f_ = nullptr;
 };
 

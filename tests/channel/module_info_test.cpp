@@ -112,26 +112,14 @@ Bytes record_of(const char* places, const Fields& v) {
   return r.bytes;
 }
 
-class ModuleInfo : public ::testing::Test {
+class ModuleInfo : public mdftest::Session {
  protected:
-  void SetUp() override {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    dir_ = mdftest::scratch_dir("korvel_module");
-  }
-  void TearDown() override {
-    mdfClose();
-    fs::remove_all(dir_);
-  }
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
   // Opens a file and its first group.
   mdf_group* open(const std::string& file, uint16_t mode, uint16_t group_mode) {
     mdf_group* g = nullptr;
-    EXPECT_EQ(mdfFileOpen(&f_, file.c_str(), mode), 0);
-    EXPECT_EQ(mdfGrpOpen(&g, f_, 1, group_mode), 0);
+    EXPECT_EQ(mdfGrpOpen(&g, f_ = open_file(file, mode), 1, group_mode), 0);
     return g;
   }
-  fs::path dir_;
   mdf_file* f_ = nullptr;
 };
 
@@ -252,8 +240,7 @@ TEST_F(ModuleInfo, BlocksOfOtherSizesAndOfOtherWriters) {
   cg.add_channel("long", 0, 8, MDF_DT_UINT).extension =
       mdftest::extension(MDF_CE_CANIM, Bytes(194, 'x'));
   cg.add_channel("none", 0, 8, MDF_DT_UINT);
-  mdftest::write_file(path("sizes.mdf"), mdftest::build(model).bytes);
-  EXPECT_EQ(check_extensions(path("sizes.mdf")), 2u);
+  EXPECT_EQ(check_extensions(write(model, "sizes.mdf")), 2u);
   // A text running to the end of a long block ends in the zeros behind it.
   const char* t = nullptr;
   Ch ch = channel(open(path("sizes.mdf"), MDF_OPEN_READ, MDF_OPEN_READ), 2);
