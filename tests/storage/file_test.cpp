@@ -20,24 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 using korvel::Node;
 
-class FileApi : public ::testing::Test {
- protected:
-  void SetUp() override {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    dir_ = mdftest::scratch_dir("korvel_file");
-  }
-  void TearDown() override {
-    mdfClose();
-    fs::remove_all(dir_);
-  }
-  std::string path(const char* name) const { return (dir_ / name).string(); }
-  std::string write(const mdftest::Built& built, const char* name = "in.mdf") {
-    mdftest::write_file(path(name), built.bytes);
-    return path(name);
-  }
-  fs::path dir_;
-};
+using FileApi = mdftest::Session;
 
 // A small sorted file: one data group, one channel group with two channels.
 mdftest::FileModel small_file() {
@@ -62,24 +45,20 @@ TEST_F(FileApi, CreateAndCloseWritesIdentificationAndHeader) {
   ASSERT_EQ(mdfFileClose(file), 0);
   const auto bytes = mdftest::load_file(path("new.mdf"));
   ASSERT_EQ(bytes.size(), 64u + 208u);
-  EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 24), "MDF     3.20    TESTPROG");
-  EXPECT_EQ(bytes[24] | bytes[25] << 8, 0);  // little-endian
-  EXPECT_EQ(bytes[26] | bytes[27] << 8, 0);  // IEEE
-  EXPECT_EQ(bytes[28] | bytes[29] << 8, 320);
-  for (size_t i = 30; i < 64; ++i) EXPECT_EQ(bytes[i], 0) << i;
+  // Little-endian (0), IEEE (0), version 320, then zeros up to the header.
+  std::vector<uint8_t> id(bytes.begin(), bytes.begin() + 64), want(64, 0);
+  const std::string text = "MDF     3.20    TESTPROG";
+  std::copy(text.begin(), text.end(), want.begin());
+  want[28] = 320 & 0xFF;
+  want[29] = 320 >> 8;
+  EXPECT_EQ(id, want);
   const auto r = mdftest::read_bytes(bytes);
   ASSERT_TRUE(r.ok()) << r.error_text();
-  EXPECT_EQ(r.header.offset, 64u);
-  EXPECT_EQ(r.header.block_size, 208);
-  EXPECT_EQ(r.header.author, "KORVEL");
-  EXPECT_EQ(r.header.timer_id, "Local PC Reference Time");
-  EXPECT_EQ(r.header.first_dg_link, 0u);
-  EXPECT_EQ(r.header.dg_count, 0);
-  ASSERT_EQ(r.header.date.size(), 10u);
-  EXPECT_EQ(r.header.date[2], ':');
-  EXPECT_EQ(r.header.date[5], ':');
-  EXPECT_EQ(r.header.time.size(), 8u);
-  EXPECT_NE(r.header.timestamp_ns, 0u);
+  const auto& h = r.header;
+  EXPECT_EQ(std::make_tuple(h.offset, h.block_size, h.author, h.timer_id, h.first_dg_link, h.dg_count),
+            std::make_tuple(64u, 208, "KORVEL", "Local PC Reference Time", 0u, 0));
+  EXPECT_EQ(std::make_tuple(h.date.size(), h.date[2], h.date[5], h.time.size(), h.timestamp_ns != 0),
+            std::make_tuple(10u, ':', ':', 8u, true));
 }
 
 TEST_F(FileApi, HeaderFieldsSurviveCloseAndReopen) {
@@ -95,28 +74,24 @@ TEST_F(FileApi, HeaderFieldsSurviveCloseAndReopen) {
   ASSERT_EQ(mdfFileOpen(&file, path("h.mdf").c_str(), MDF_OPEN_READ), 0);
   const char *date, *time, *text, *name, *division, *project, *subject;
   ASSERT_EQ(mdfFileGetInfo(file, &date, &time, &text, &name, &division, &project, &subject), 0);
-  EXPECT_STREQ(date, "24:12:2025");
-  EXPECT_STREQ(time, "18:30:00");
-  EXPECT_STREQ(text, "a comment");
-  EXPECT_STREQ(name, "Ann");
-  EXPECT_STREQ(division, "Test bench");
-  EXPECT_EQ(std::string(project, 32), std::string(32, 'p'));  // full field, no terminator
-  EXPECT_STREQ(subject, "Car 7");
+  using S = std::string;
+  // A full project field has no terminator.
+  EXPECT_EQ(std::make_tuple(S(date), S(time), S(text), S(name), S(division), S(project, 32), S(subject)),
+            std::make_tuple("24:12:2025", "18:30:00", "a comment", "Ann", "Test bench", S(32, 'p'),
+                            "Car 7"));
   ASSERT_EQ(mdfFileClose(file), 0);
-
+  // An explicit date replaces the stamp; the comment is appended behind the header at close.
   const auto r = mdftest::read_file(path("h.mdf"));
   ASSERT_TRUE(r.ok()) << r.error_text();
-  EXPECT_EQ(r.header.timestamp_ns, 0u);  // an explicit date replaces the stamp
-  EXPECT_EQ(r.header.comment, "a comment");
-  EXPECT_EQ(r.header.comment_link, 64u + 208u);  // appended behind the header at close
+  EXPECT_EQ(std::make_tuple(r.header.timestamp_ns, r.header.comment, r.header.comment_link),
+            std::make_tuple(0u, "a comment", 64u + 208u));
 }
 
 TEST_F(FileApi, EmptyTextRemovesTheComment) {
   auto f = small_file();
   f.header.comment = "old comment";
-  const auto in = write(mdftest::build(f));
-  mdf_file* file = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), 0);
+  const auto in = write(f);
+  mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
   const char* text = nullptr;
   ASSERT_EQ(mdfFileGetText(file, &text), 0);
   EXPECT_STREQ(text, "old comment");
@@ -132,12 +107,10 @@ TEST_F(FileApi, EmptyTextRemovesTheComment) {
 TEST_F(FileApi, ModifyAppendsTheCommentAtEveryClose) {
   auto f = small_file();
   f.header.comment = "kept";
-  const auto in = write(mdftest::build(f));
+  const auto in = write(f);
   const auto size0 = fs::file_size(in);
   for (int i = 1; i <= 2; ++i) {
-    mdf_file* file = nullptr;
-    ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), 0);
-    ASSERT_EQ(mdfFileClose(file), 0);
+    ASSERT_EQ(mdfFileClose(open_file(in, MDF_OPEN_MODIFY)), 0);
     EXPECT_EQ(fs::file_size(in), size0 + i * (4 + 5u));
   }
   const auto r = mdftest::read_file(in);
@@ -147,15 +120,13 @@ TEST_F(FileApi, ModifyAppendsTheCommentAtEveryClose) {
 TEST_F(FileApi, SettingTheDateOfAnOldHeaderKeepsItsSize) {
   auto f = small_file();
   f.header.block_size = 164;
-  const auto in = write(mdftest::build(f));
-  mdf_file* file = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), 0);
+  const auto in = write(f);
+  mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
   ASSERT_EQ(mdfFileSetDate(file, "01:02:2003"), 0);
   ASSERT_EQ(mdfFileClose(file), 0);
   const auto r = mdftest::read_file(in);
   ASSERT_TRUE(r.ok()) << r.error_text();
-  EXPECT_EQ(r.header.block_size, 164);
-  EXPECT_EQ(r.header.date, "01:02:2003");
+  EXPECT_EQ(std::make_tuple(r.header.block_size, r.header.date), std::make_tuple(164, "01:02:2003"));
 }
 
 TEST_F(FileApi, RefusedCalls) {
@@ -179,20 +150,13 @@ TEST_F(FileApi, SortednessAndGroupCount) {
   dg.add_channel_group(4, 1).add_channel("a", 0, 32, 0);
   dg.add_channel_group(2, 2).add_channel("b", 0, 16, 0);
   f.add_data_group().add_channel_group(1).add_channel("c", 0, 8, 0);
-  const auto in = write(mdftest::build(f));
-  mdf_file* file = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
+  mdf_file* file = open_file(write(f));
   uint16_t groups = 0;
   EXPECT_EQ(mdfFileGroups(&groups, file), 0);
   EXPECT_EQ(groups, 3);
   EXPECT_EQ(mdfFileIsSort(file), MDF_NOT_SORTED);
   EXPECT_EQ(mdfGetErrorCode(), 0);
-  ASSERT_EQ(mdfFileClose(file), 0);
-
-  const auto sorted = write(mdftest::build(small_file()), "sorted.mdf");
-  ASSERT_EQ(mdfFileOpen(&file, sorted.c_str(), MDF_OPEN_READ), 0);
-  EXPECT_EQ(mdfFileIsSort(file), 0);
-  ASSERT_EQ(mdfFileClose(file), 0);
+  EXPECT_EQ(mdfFileIsSort(open_file(write(small_file(), "sorted.mdf"))), 0);
 }
 
 // Walks header -> first DG -> first CG -> first CN through the file's node tree.
@@ -228,7 +192,7 @@ TEST_F(FileApi, VaxDFileReadsAsIeeeAndRefusesModify) {
   cn.min = -1.5;
   cn.max = 1000.25;
   cn.sample_rate = 0.01;
-  const auto in = write(mdftest::build(f));
+  const auto in = write(f);
 
   mdf_file* file = nullptr;
   ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
@@ -266,7 +230,7 @@ TEST_F(FileApi, ChannelBlockSizesAndFloatRepair) {
     auto& ch = f.add_data_group().add_channel_group(8).add_channel("x", 0, c.bits, c.data_type);
     ch.block_size = c.size;
     if (c.size >= 222) ch.long_name = "a long name";
-    const auto in = write(mdftest::build(f));
+    const auto in = write(f);
     mdf_file* file = nullptr;
     ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
     Node* cn = first_channel(file);
