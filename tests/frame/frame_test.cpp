@@ -35,25 +35,19 @@ class Frame : public ::testing::Test {
 };
 
 TEST_F(Frame, StickyErrorRules) {
-  struct Case {
-    int16_t status;
-    bool sticky;
-  };
-  const Case cases[] = {{1, false}, {1000, false}, {1023, false}, {-1001, true}, {-2011, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.status);
-    EXPECT_EQ(korvel::raise(c.status, "ctx"), c.status);
-    EXPECT_EQ(mdfGetErrorCode(), c.sticky ? c.status : 0);
+  for (int16_t status : std::vector<int16_t>{1, 1000, 1023, -1001, -2011}) {
+    SCOPED_TRACE(status);
+    const int16_t sticky = status < 0 ? status : 0;
+    EXPECT_EQ(korvel::raise(status, "ctx"), status);
+    EXPECT_EQ(mdfGetErrorCode(), sticky);
     mdfClose();
     // A stored first error survives mdfClose and is cleared only by the next mdfOpen.
-    EXPECT_EQ(mdfGetErrorCode(), c.sticky ? c.status : 0);
+    EXPECT_EQ(mdfGetErrorCode(), sticky);
     ASSERT_EQ(mdfOpen(nullptr), 0);
     EXPECT_EQ(mdfGetErrorCode(), 0);
     EXPECT_STREQ(mdfGetErrorText(), "");
   }
-}
-
-TEST_F(Frame, OnlyTheFirstNegativeStatusSticks) {
+  // Only the first negative status sticks.
   korvel::raise(-2004, "first");
   korvel::raise(-2001, "second");
   EXPECT_EQ(mdfGetErrorCode(), -2004);
@@ -88,44 +82,26 @@ TEST_F(Frame, RaisedLinesReachTheLog) {
 }
 
 TEST_F(Frame, BuiltInTexts) {
-  struct Case {
-    int16_t code;
-    const char* text;
-  };
-  const Case cases[] = {{0, ""},
-                        {7, "group not found"},
-                        {1001, "group not found"},
-                        {4, "channel not found"},
-                        {1002, "channel not found"},
-                        {1007, "tirgger not known"},
-                        {-1004, "illegal group open mode"},
-                        {-2014, "file exceeds maximum size for MDF files"},
-                        {10, nullptr},
-                        {-1, nullptr},
-                        {999, nullptr}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.code);
-    if (c.text == nullptr) {
-      EXPECT_EQ(mdfGetTextStrD(c.code), nullptr);
-    } else {
-      EXPECT_STREQ(mdfGetTextStrD(c.code), c.text);
-      EXPECT_STREQ(mdfGetMsgStr(c.code), c.text);
-    }
+  const std::pair<int16_t, const char*> cases[] = {
+      {0, ""}, {7, "group not found"}, {1001, "group not found"}, {4, "channel not found"},
+      {1002, "channel not found"}, {1007, "tirgger not known"}, {-1004, "illegal group open mode"},
+      {-2014, "file exceeds maximum size for MDF files"}, {10, nullptr}, {-1, nullptr},
+      {999, nullptr}};
+  for (const auto& [code, text] : cases) {
+    SCOPED_TRACE(code);
+    EXPECT_STREQ(mdfGetTextStrD(code), text);
+    EXPECT_STREQ(text == nullptr ? nullptr : mdfGetMsgStr(code), text);
   }
 }
 
 TEST_F(Frame, ProgramIdentifierIsAFixedWidthBoundedCopy) {
-  struct Case {
-    const char* given;
-    const char expected[8];
-  };
-  const Case cases[] = {{nullptr, {'K', 'O', 'R', 'V', 'E', 'L', 0, 0}},
-                        {"ABCDEFGHIJ", {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}},
-                        {"XY", {'X', 'Y', 0, 0, 0, 0, 0, 0}}};
-  for (const auto& c : cases) {
+  const std::pair<const char*, std::string> cases[] = {
+      {nullptr, std::string("KORVEL\0\0", 8)}, {"ABCDEFGHIJ", "ABCDEFGH"},
+      {"XY", std::string("XY\0\0\0\0\0\0", 8)}};
+  for (const auto& [given, expected] : cases) {
     mdfClose();
-    ASSERT_EQ(mdfOpen(c.given), 0);
-    EXPECT_EQ(std::memcmp(korvel::state().program_id, c.expected, 8), 0);
+    ASSERT_EQ(mdfOpen(given), 0);
+    EXPECT_EQ(std::string(korvel::state().program_id, 8), expected);
   }
 }
 
