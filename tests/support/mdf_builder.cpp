@@ -34,10 +34,6 @@ uint64_t load_le(const uint8_t* p, size_t n) {
   return v;
 }
 
-void need_rec(size_t rec_size, size_t at, size_t n) {
-  if (at + n > rec_size) throw std::out_of_range("mdftest: value does not fit into the record");
-}
-
 // Byte and bit within the record of bit k of a field.
 std::pair<size_t, unsigned> bit_place(unsigned first_bit, unsigned bits, unsigned k,
                                       ByteOrder order) {
@@ -58,14 +54,6 @@ void check_bits(size_t rec_size, unsigned first_bit, unsigned bits) {
   const size_t end_byte = (size_t{first_bit} + bits + 7) / 8;
   if (end_byte > rec_size)
     throw std::out_of_range("mdftest: bit field does not fit into the record");
-}
-
-void put_ordered(std::span<uint8_t> rec, size_t at, uint64_t v, size_t n, ByteOrder order) {
-  need_rec(rec.size(), at, n);
-  for (size_t i = 0; i < n; ++i) {
-    const size_t dst = order == ByteOrder::intel ? at + i : at + n - 1 - i;
-    rec[dst] = static_cast<uint8_t>(v >> (8 * i));
-  }
 }
 
 }  // namespace
@@ -120,11 +108,7 @@ void put_bits(std::span<uint8_t> rec, unsigned first_bit, unsigned bits, uint64_
   check_bits(rec.size(), first_bit, bits);
   for (unsigned k = 0; k < bits; ++k) {
     const auto [byte, bit] = bit_place(first_bit, bits, k, order);
-    const auto mask = static_cast<uint8_t>(1u << bit);
-    if ((value >> k) & 1u)
-      rec[byte] = static_cast<uint8_t>(rec[byte] | mask);
-    else
-      rec[byte] = static_cast<uint8_t>(rec[byte] & ~mask);
+    rec[byte] = static_cast<uint8_t>((rec[byte] & ~(1u << bit)) | ((value >> k) & 1u) << bit);
   }
 }
 
@@ -139,14 +123,16 @@ uint64_t get_bits(std::span<const uint8_t> rec, unsigned first_bit, unsigned bit
   return v;
 }
 
+// A float is a bit field of whole bytes.
 void put_f32(std::span<uint8_t> rec, size_t byte_offset, float v, ByteOrder order) {
-  put_ordered(rec, byte_offset, std::bit_cast<uint32_t>(v), 4, order);
+  put_bits(rec, static_cast<unsigned>(8 * byte_offset), 32, std::bit_cast<uint32_t>(v), order);
 }
 void put_f64(std::span<uint8_t> rec, size_t byte_offset, double v, ByteOrder order) {
-  put_ordered(rec, byte_offset, std::bit_cast<uint64_t>(v), 8, order);
+  put_bits(rec, static_cast<unsigned>(8 * byte_offset), 64, std::bit_cast<uint64_t>(v), order);
 }
 void put_raw(std::span<uint8_t> rec, size_t byte_offset, std::span<const uint8_t> data) {
-  need_rec(rec.size(), byte_offset, data.size());
+  if (byte_offset + data.size() > rec.size())
+    throw std::out_of_range("mdftest: value does not fit into the record");
   std::copy(data.begin(), data.end(), rec.begin() + static_cast<std::ptrdiff_t>(byte_offset));
 }
 
