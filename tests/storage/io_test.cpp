@@ -41,26 +41,12 @@ Bytes get(const std::string& name) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-class Io : public ::testing::Test {
+class Io : public mdftest::Session {
  protected:
-  void SetUp() override {
-    restart();
-    dir_ = mdftest::scratch_dir("korvel_io");
-  }
   void TearDown() override {
     for (uint16_t n : open_) io::close(n);
-    mdfClose();
-    // A parameterized test's name holds a '/': remove the scratch directory from its top.
-    const fs::path tmp = fs::temp_directory_path();
-    fs::remove_all(tmp / *dir_.lexically_relative(tmp).begin());
+    Session::TearDown();
   }
-  // Starts over without a stored error.
-  static void restart() {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-  }
-
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
   // Writes the bytes to a file of the scratch directory and returns its full name.
   std::string put(const std::string& name, const Bytes& bytes) const {
     std::ofstream(path(name), std::ios::binary)
@@ -80,7 +66,6 @@ class Io : public ::testing::Test {
     std::erase(open_, n);
   }
 
-  fs::path dir_;
   std::vector<uint16_t> open_;
 };
 

@@ -2,6 +2,7 @@
 // side by side never share a file.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -13,12 +14,14 @@
 
 namespace mdftest {
 
-// A fresh, empty directory named after the running test.
+// A fresh, empty directory named after the running test (a parameterized test's '/' made '_',
+// so that removing the directory leaves nothing behind).
 inline std::filesystem::path scratch_dir(const std::string& prefix) {
   static const std::string process = std::to_string(std::random_device{}());
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  auto dir = std::filesystem::temp_directory_path() /
-             (prefix + "_" + process + "_" + (info != nullptr ? info->name() : "none"));
+  std::string name = prefix + "_" + process + "_" + (info != nullptr ? info->name() : "none");
+  std::replace(name.begin(), name.end(), '/', '_');
+  auto dir = std::filesystem::temp_directory_path() / name;
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
   return dir;
