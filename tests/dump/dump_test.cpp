@@ -33,8 +33,19 @@ class Dump : public ::testing::Test {
     // One scratch directory per process, entered for good: the log is opened there and stays
     // open, so test processes running side by side never share one, and files print their
     // names as given.
-    [[maybe_unused]] static const bool entered =
-        (fs::current_path(mdftest::scratch_dir("korvel_dump")), mdfPrintf("%s", ""), true);
+    // The directory is removed when the process ends.
+    static const struct Entered {
+      fs::path dir = mdftest::scratch_dir("korvel_dump");
+      Entered() {
+        fs::current_path(dir);
+        mdfPrintf("%s", "");
+      }
+      ~Entered() {
+        std::error_code ec;
+        fs::current_path(fs::temp_directory_path(), ec);
+        fs::remove_all(dir, ec);
+      }
+    } entered;
     mdfClose();
     ASSERT_EQ(mdfOpen(nullptr), 0);
   }

@@ -47,13 +47,20 @@ void read_module_info(channelnode* ch) {
   touch();
 }
 
-// One file per process, so that replays running side by side never share it.
+// One file per process, so that replays running side by side never share it; removed with
+// its sorted copy when the process ends.
 const std::string& scratch_path() {
-  static const std::string path =
-      (std::filesystem::temp_directory_path() /
-       ("korvel_fuzz_" + std::to_string(std::random_device{}()) + ".mdf"))
-          .string();
-  return path;
+  static const struct Scratch {
+    std::string path = (std::filesystem::temp_directory_path() /
+                        ("korvel_fuzz_" + std::to_string(std::random_device{}()) + ".mdf"))
+                           .string();
+    ~Scratch() {
+      std::error_code ec;
+      std::filesystem::remove(path, ec);
+      std::filesystem::remove(path + ".sorted", ec);
+    }
+  } scratch;
+  return scratch.path;
 }
 
 constexpr int32_t kMaxRecords = 1024;
