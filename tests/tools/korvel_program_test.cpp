@@ -86,7 +86,7 @@ class Program : public ::testing::Test {
   }
   // A copy of a sample, so that nothing can change the original.
   void copy_sample(const std::string& name) {
-    fs::copy_file(fs::path(KORVEL_SAMPLES_DIR) / name, dir / name);
+    mdftest::copy_writable(fs::path(KORVEL_SAMPLES_DIR) / name, dir);
   }
   // The library's log goes to a private directory, never to the user's.
   void TearDown() override {
