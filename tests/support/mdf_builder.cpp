@@ -517,11 +517,20 @@ class Builder {
   }
 
   void write_data(const DataGroup& d, BuiltDataGroup& out) {
-    if (d.record_ids > 2) fail("record id count above 2");
     out.data = b_.size();
+    if (d.raw_data)
+      b_.append_bytes(*d.raw_data);
+    else
+      write_records(d, out);
+    out.data_size = b_.size() - out.data;
+    const uint32_t link = d.data_link ? *d.data_link : (out.data_size == 0 ? 0 : out.data);
+    b_.patch_u32(out.offset + off::dg_data, link);
+  }
+
+  void write_records(const DataGroup& d, BuiltDataGroup& out) {
+    if (d.record_ids > 2) fail("record id count above 2");
     std::vector<size_t> next(d.channel_groups.size(), 0);
-    if (d.raw_data) b_.append_bytes(*d.raw_data);
-    for (const size_t g : d.raw_data ? std::vector<size_t>{} : record_order(d)) {
+    for (const size_t g : record_order(d)) {
       if (g >= d.channel_groups.size()) fail("record order names a missing channel group");
       const ChannelGroup& cg = d.channel_groups[g];
       if (next[g] >= cg.records.size()) fail("record order asks for more records than given");
@@ -531,12 +540,9 @@ class Builder {
       b_.append_bytes(cg.records[next[g]++]);
       if (d.record_ids == 2) b_.bytes.push_back(id);
     }
-    for (size_t g = 0; !d.raw_data && g < next.size(); ++g)
+    for (size_t g = 0; g < next.size(); ++g)
       if (next[g] != d.channel_groups[g].records.size())
         fail("record order leaves records of a channel group unused");
-    out.data_size = b_.size() - out.data;
-    const uint32_t link = d.data_link ? *d.data_link : (out.data_size == 0 ? 0 : out.data);
-    b_.patch_u32(out.offset + off::dg_data, link);
   }
 
   const FileModel& f_;
