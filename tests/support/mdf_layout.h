@@ -60,28 +60,19 @@ inline constexpr uint16_t identity = 65535;
 // read). Texts are the fixed-width character fields, cut at the first zero byte on reading.
 
 struct IdBlock {
-  std::string file_id = "MDF     ";
-  std::string format_id = "3.20    ";
-  std::string program_id = "mdftest";
+  std::string file_id = "MDF     ", format_id = "3.20    ", program_id = "mdftest";
   uint16_t byte_order = 0;
   uint16_t float_format = 0;  // 0 IEEE, 1 VAX G-float, 2 VAX D-float
-  uint16_t version = 320;
-  uint16_t code_page = 0;
-  uint8_t reserved32 = 0;
-  uint8_t reserved33 = 0;
-  uint16_t unfinished_flags = 0;         // offset 60
-  uint16_t custom_unfinished_flags = 0;  // offset 62
+  uint16_t version = 320, code_page = 0;
+  uint8_t reserved32 = 0, reserved33 = 0;
+  uint16_t unfinished_flags = 0, custom_unfinished_flags = 0;  // offsets 60 and 62
   bool operator==(const IdBlock&) const = default;
 };
 
 // HD fields other than links and counts. The last four exist only in 208-byte headers.
 struct HeaderFields {
   std::string date = "01:01:2020";  // day:month:year
-  std::string time = "00:00:00";
-  std::string author;
-  std::string organization;
-  std::string project;
-  std::string subject;
+  std::string time = "00:00:00", author, organization, project, subject;
   uint64_t timestamp_ns = 0;
   int16_t utc_offset_hours = 0;
   uint16_t time_quality = 0;
@@ -91,16 +82,10 @@ struct HeaderFields {
 
 // CN fields other than links. additional_byte_offset exists only in CN blocks of 228+ bytes.
 struct ChannelFields {
-  uint16_t channel_type = 0;  // 0 data, 1 time
-  std::string name;           // 32 chars
-  std::string description;    // 128 chars
-  uint16_t first_bit = 0;
-  uint16_t bit_count = 0;
-  uint16_t data_type = 0;
-  uint16_t range_valid = 0;
-  double min = 0;
-  double max = 0;
-  double sample_rate = 0;
+  uint16_t channel_type = 0;       // 0 data, 1 time
+  std::string name, description;  // 32 and 128 chars
+  uint16_t first_bit = 0, bit_count = 0, data_type = 0, range_valid = 0;
+  double min = 0, max = 0, sample_rate = 0;
   uint16_t additional_byte_offset = 0;
   bool operator==(const ChannelFields&) const = default;
 };
@@ -112,8 +97,7 @@ struct VerbalEntry {  // type 11: 8-byte value and 32-char text
 };
 
 struct RangeEntry {  // type 12: lower, upper and a TX link (nullopt = link 0)
-  double lower = 0;
-  double upper = 0;
+  double lower = 0, upper = 0;
   std::optional<std::string> text;
   bool operator==(const RangeEntry&) const = default;
 };
@@ -129,8 +113,7 @@ struct RangeEntry {  // type 12: lower, upper and a TX link (nullopt = link 0)
 // type into raw_tail.
 struct ConversionFields {
   uint16_t range_valid = 0;
-  double min = 0;
-  double max = 0;
+  double min = 0, max = 0;
   std::string unit;  // 20 chars
   uint16_t type = cc::identity;
   std::vector<double> params;
@@ -149,18 +132,14 @@ struct ExtensionFields {  // CE: module type and the module record that follows 
 };
 
 struct TriggerEvent {
-  double time = 0;
-  double pre_time = 0;
-  double post_time = 0;
+  double time = 0, pre_time = 0, post_time = 0;
   bool operator==(const TriggerEvent&) const = default;
 };
 
 // One dependency of a CD block, by position: data group index in the file, channel group index
 // within that data group, channel index within that channel group; -1 stands for link 0.
 struct DependencyTarget {
-  int dg = -1;
-  int cg = -1;
-  int cn = -1;
+  int dg = -1, cg = -1, cn = -1;
   bool operator==(const DependencyTarget&) const = default;
 };
 
