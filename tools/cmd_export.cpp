@@ -8,7 +8,9 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -37,16 +39,26 @@ struct Plan {
 };
 
 // Rows formatted on a helper thread, appended to the output afterwards; the same calls as
-// Output takes.
+// Output takes. Numbers are formatted straight into the buffer, which grows as needed and is
+// kept from window to window.
 struct Chunk {
-  std::string s;
-  void put(char c) { s.push_back(c); }
-  void text(std::string_view v) { s.append(v); }
+  std::vector<char> b;
+  std::size_t used = 0;
+  char* room(std::size_t n) {
+    if (b.size() - used < n) b.resize(std::max(2 * b.size(), used + n));
+    return b.data() + used;
+  }
+  void put(char c) {
+    *room(1) = c;
+    ++used;
+  }
+  void text(std::string_view v) { used += v.copy(room(v.size()), v.size()); }
   template <class T>
   void number(T v) {
-    char b[32];
-    s.append(b, std::to_chars(b, b + sizeof b, v).ptr);
+    char* at = room(32);
+    used = static_cast<std::size_t>(std::to_chars(at, at + 32, v).ptr - b.data());
   }
+  std::string_view view() const { return {b.data(), used}; }
 };
 
 template <class Sink>
@@ -191,7 +203,7 @@ void export_group(const Options& o, mdf_file* file, const Plan& p, Output& out,
     }
     const std::span<const uint32_t> all(rows);
     const std::size_t half = rows.size() / 2;
-    second.s.clear();
+    second.used = 0;
     std::exception_ptr helper_failure;
     std::thread helper([&] {
       try {
@@ -208,7 +220,7 @@ void export_group(const Options& o, mdf_file* file, const Plan& p, Output& out,
     }
     helper.join();
     if (helper_failure) std::rethrow_exception(helper_failure);
-    out.text(second.s);
+    out.text(second.view());
   }
   if (values.hollow())
     failures.push_back(o.file + ": group " + std::to_string(p.group) +
