@@ -1,12 +1,11 @@
 // Array reads against the per-value functions: a table of layouts (data types, bit positions,
 // byte orders) times conversion rules, in sorted and unsorted data groups, the range edges,
-// damaged data sections and the sample files.
+// damaged data sections.
 #include <gtest/gtest.h>
 
 #include <bit>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,7 +16,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 
 constexpr uint16_t kRecord = 24;  // record data bytes of the table's channel group
 constexpr uint32_t kRecords = 37;
@@ -302,50 +300,6 @@ TEST_F(BulkRead, DamagedRecordsEndTheReadWhereThePerValueReadFails) {
     EXPECT_EQ(done, readable);
     for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * i);
   }
-}
-
-TEST_F(BulkRead, SampleFilesReadTheSameBothWays) {
-  int files = 0;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(KORVEL_SAMPLES_DIR, ec)) {
-    if (entry.path().extension() != ".mdf") continue;
-    SCOPED_TRACE(entry.path().filename().string());
-    mdf_file* file = open_file(mdftest::copy_writable(entry.path(), dir_).string());
-    uint16_t groups = 0;
-    ASSERT_EQ(mdfFileGroups(&groups, file), 0);
-    for (uint16_t n = 1; n <= groups; ++n) {
-      mdf_group* g = nullptr;
-      ASSERT_EQ(mdfGrpOpen(&g, file, n, 0), 0);
-      uint32_t records = 0;
-      uint16_t channels = 0;
-      ASSERT_EQ(mdfGrpRecords(&records, g), 0);
-      ASSERT_EQ(mdfGrpChannels(&channels, g), 0);
-      for (uint16_t i = 1; i <= channels; ++i) {
-        channelnode* ch = nullptr;
-        ASSERT_EQ(mdfChnOpen(&ch, g, i), 0);
-        std::vector<double> single(records), array(records);
-        int16_t status = 0;
-        ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
-        for (uint32_t r = 0; r < records; ++r) status = mdfChnReadPhy(&single[r], ch);
-        uint32_t done = 0;
-        const int16_t st = mdfChnReadPhyArray(array.data(), &done, ch, 0, records);
-        if (status == MDF_UNSUPPORTED_TYPE) {
-          EXPECT_EQ(std::make_pair(st, done), std::make_pair(status, 0u));
-          mdfChnClose(ch);
-          continue;
-        }
-        ASSERT_EQ(std::make_pair(st, done), std::make_pair(status, records));
-        for (uint32_t r = 0; r < records; ++r) {
-          ASSERT_EQ(bits_of(array[r]), bits_of(single[r])) << "group " << n << " channel " << i;
-        }
-        mdfChnClose(ch);
-      }
-      ASSERT_EQ(mdfGrpClose(g), 0);
-    }
-    ASSERT_EQ(mdfFileClose(file), 0);
-    ++files;
-  }
-  EXPECT_GE(files, 1);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The functions that serve several channels in one call against the one-channel functions,
-// over every group of every sample file (sorted and unsorted), with the range's edges.
+// and the one-channel array reads against the per-value reads, over every group of every
+// sample file (sorted and unsorted), with the range's edges.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -75,6 +76,13 @@ TEST(ChannelsAtOnce, AsTheOneChannelFunctionsOnEverySample) {
           want_done = d;
           EXPECT_EQ(std::memcmp(rows.data() + std::size_t{c} * count, expect.data(), d * 8), 0)
               << "channel " << c << " from " << first;
+          // The one-channel array read against the per-value read, record by record.
+          for (uint32_t r = 0; r < d; ++r) {
+            double single = 0;
+            ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(first + r), MDF_SEEK_ABS), 0);
+            ASSERT_EQ(mdfChnGetPhy(&single, numeric[c], 0), 0);
+            EXPECT_EQ(std::memcmp(&single, &expect[r], 8), 0) << c << " record " << first + r;
+          }
         }
         EXPECT_EQ(st, want_status) << first;
         if (k > 0) {
