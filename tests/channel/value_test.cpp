@@ -1,10 +1,10 @@
-// Decoding and encoding of channel values on record bytes and CN/CC images built here byte by
-// byte: the layout rules and the edges of each decoder and encoder (every layout and width in
-// the body of the value range is the channel API test's every-data-type file).
+// Decoding and encoding of raw channel values on record bytes and CN images built here byte by
+// byte: the layout rules, the edges of the decoders and encoders and the rounding rules (every
+// layout and width in the body of the value range, byte copies and physical values are the
+// channel API tests' subject).
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cstring>
 #include <limits>
 #include <string>
 #include <tuple>
@@ -12,22 +12,18 @@
 
 #include "channel/decode.h"
 #include "channel/encode.h"
-#include "convert/conversion.h"
 #include "korvel.h"
 #include "storage/layout.h"
 
 namespace {
 
 namespace cn = korvel::layout::cn;
-namespace cc = korvel::layout::cc;
 using Bytes = std::vector<uint8_t>;
 
 constexpr int16_t kU = MDF_UNSUPPORTED_TYPE;
-constexpr int16_t kAlign = MDF_NOT_BYTE_ALIGNED;
-constexpr int16_t kRule = MDF_UNSUPPORTED_RULE;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
-const uint8_t E = 0xEE, F = 0xFF;
+const uint8_t F = 0xFF;
 
 // Little-endian numbers of `n` bytes.
 void put(Bytes& b, uint32_t at, uint64_t v, int n) {
@@ -47,21 +43,6 @@ Bytes make_cn(int type, int first_bit, int bits, int size = 228, int extra = 0) 
                        {cn::kByteOffset, extra}}) {
     put(b, at, static_cast<uint64_t>(v), 2);
   }
-  return b;
-}
-
-// A CC image with parameters P1, P2, ... and the 16-byte extra (offset 0, factor 1).
-Bytes make_cc(int type, const std::vector<double>& p) {
-  uint32_t size = cc::kSize + 8 * static_cast<uint32_t>(p.size());
-  Bytes b(size + cc::kExtra, 0);
-  b[0] = 'C';
-  b[1] = 'C';
-  put(b, 2, size, 2);
-  put(b, cc::kType, static_cast<uint64_t>(type), 2);
-  put(b, cc::kCount, p.size(), 2);
-  for (uint32_t k = 0; k < p.size(); ++k)
-    put(b, cc::kParams + 8 * k, std::bit_cast<uint64_t>(p[k]), 8);
-  put(b, size + 8, std::bit_cast<uint64_t>(1.0), 8);
   return b;
 }
 
@@ -107,58 +88,6 @@ TEST(ValueLayoutTest, PositionsFromChannelBlock) {
   EXPECT_EQ(v, 7.0);
 }
 
-bool is_integer_code(int code) {
-  return code == 0 || code == 1 || code == 9 || code == 10 || code == 13 || code == 14;
-}
-bool is_ieee_code(int code) {
-  return code == 2 || code == 3 || code == 11 || code == 12 || code == 15 || code == 16;
-}
-
-TEST(ValueLayoutTest, StatusesByBlockAndCode) {
-  Bytes r(8, 0x40);
-  double d = 1;
-  uint64_t u = 1;
-  uint32_t n = 2;
-  uint8_t buf[2] = {9, 9};
-  // No CN block: -1003 from every coder.
-  const std::vector<int16_t> no_block = {
-      korvel::decode_hex(r, nullptr, &d),       korvel::decode_hex_int(r, nullptr, &u),
-      korvel::decode_data(r, nullptr, buf, &n), korvel::decode_phy(r, nullptr, nullptr, &d),
-      korvel::encode_hex(r, nullptr, 1.0),      korvel::encode_hex_int(r, nullptr, 1),
-      korvel::encode_data(r, nullptr, buf, 2),  korvel::encode_phy(r, nullptr, nullptr, 1.0)};
-  EXPECT_EQ(no_block, std::vector<int16_t>(8, MDF_ERR_BAD_CHANNEL));
-  // A 32-bit and a 40-bit field at bit 0 for every code, in a block of 192 bytes (just long
-  // enough for the position and type fields) and of 191 (too short: no value at all). A
-  // failing decoder gives 0, a failing encoder leaves the record alone.
-  const Bytes before(8, 0x40);
-  for (int size : {192, 191}) {
-    for (int code = 0; code <= 20; ++code) {
-      for (int bits : {32, 40}) {
-        SCOPED_TRACE(where(code, 0, bits) + " size " + std::to_string(size));
-        const Bytes cn = make_cn(code, 0, bits, size);
-        const bool complete = size == 192, integer = is_integer_code(code);
-        const bool as_double =
-            complete && bits == 32 && (integer || is_ieee_code(code) || code == 4);
-        const bool as_integer = complete && integer;
-        EXPECT_EQ(korvel::value_layout(cn.data()).complete, complete);
-        EXPECT_EQ(korvel::decode_hex(r = before, cn.data(), &d), as_double ? 0 : kU);
-        EXPECT_TRUE(as_double || d == 0.0);
-        EXPECT_EQ(korvel::decode_hex_int(r, cn.data(), &u), as_integer ? 0 : kU);
-        EXPECT_TRUE(as_integer || u == 0);
-        EXPECT_EQ(korvel::decode_phy(r, cn.data(), nullptr, &d),
-                  (integer ? as_integer : as_double) ? 0 : kU);
-        EXPECT_EQ(korvel::decode_data(r, cn.data(), buf, &(n = 2)), complete ? 0 : kU);
-        EXPECT_EQ(korvel::encode_hex(r, cn.data(), 1.0), as_double ? 0 : kU);
-        EXPECT_TRUE(as_double || r == before);
-        EXPECT_EQ(korvel::encode_hex_int(r = before, cn.data(), 1), as_integer ? 0 : kU);
-        EXPECT_TRUE(as_integer || r == before);
-        EXPECT_EQ(korvel::encode_data(r = before, cn.data(), buf, 2), complete ? 0 : kU);
-        EXPECT_TRUE(complete || r == before);
-      }
-    }
-  }
-}
-
 // ---------------------------------------------------------------------------------------
 // Decoding
 
@@ -194,58 +123,6 @@ TEST(DecodeTest, RawAsDoubleAndAsInteger) {
     const auto d_status = korvel::decode_hex(c.record, cn, &d);
     const auto i_status = korvel::decode_hex_int(c.record, cn, &i);
     EXPECT_EQ(std::tuple(d_status, d, i_status, i), std::tuple(c.d_status, c.d, c.i_status, c.i));
-  });
-}
-
-TEST(DecodeTest, RawBytes) {
-  const Bytes record = {0x00, 0x11, 0x22, 0x33, 0x44, 'A', 'B', 0, 'C', 'D'};
-  // clang-format off
-  // The 6-byte buffer afterwards, prefilled with 0xEE.
-  struct Case { int code, first_bit, bits; uint32_t room; int16_t status; uint32_t length;
-                Bytes out; };
-  const Case cases[] = {
-      {8, 8, 24, 6, 0, 3, {0x11, 0x22, 0x33, E, E, E}},
-      {8, 8, 24, 2, 0, 2, {0x11, 0x22, E, E, E, E}},
-      {3, 16, 32, 6, 0, 4, {0x22, 0x33, 0x44, 'A', E, E}},
-      // A string stops after the first zero byte; the buffer behind it is left alone.
-      {7, 40, 40, 6, 0, 5, {'A', 'B', 0, E, E, E}}, {7, 40, 16, 6, 0, 2, {'A', 'B', E, E, E, E}},
-      {7, 56, 24, 6, 0, 3, {0, E, E, E, E, E}},
-      // Not whole bytes: 1016; past the record: 1020. The first buffer byte is cleared.
-      {8, 4, 16, 6, kAlign, 0, {0, E, E, E, E, E}}, {8, 8, 12, 6, kAlign, 0, {0, E, E, E, E, E}},
-      {8, 72, 16, 6, kU, 0, {0, E, E, E, E, E}},
-      {8, 8, 24, 0, 0, 0, {E, E, E, E, E, E}},  // no room: nothing written at all
-  };
-  // clang-format on
-  each(cases, [&](const Case& c, const uint8_t* cn) {
-    Bytes out(6, E);
-    uint32_t length = c.room;
-    const auto status = korvel::decode_data(record, cn, out.data(), &length);
-    EXPECT_EQ(std::tuple(status, length, out), std::tuple(c.status, c.length, c.out));
-  });
-}
-
-TEST(DecodeTest, PhysicalValue) {
-  const Bytes lin = make_cc(MDF_CC_FRM_LIN, {1.0, 10.0});  // y = 10 x + 1
-  // clang-format off
-  struct Case { int code, first_bit, bits; Bytes record, rule; int16_t status; double value; };
-  const Case cases[] = {
-      {1, 0, 8, {0xFE}, lin, 0, -19}, {13, 0, 40, {0, 0, 0, 0, 1}, lin, 0, 10 * 0x1p32 + 1},
-      {0, 0, 64, Bytes(8, F), {}, 0, 0x1p64}, {14, 0, 64, Bytes(8, F), {}, 0, -1},
-      {14, 0, 64, {0, 0, 0, 0, 0, 0, 0, 0x80}, {}, 0, -0x1p63},
-      {2, 0, 32, {0, 0, 0xC0, 0x3F}, lin, 0, 16}, {4, 0, 32, {0x80, 0x40, 0, 0}, lin, 0, 11},
-      // Decoding failures give their status and 0.
-      {5, 0, 64, Bytes(8, 0x40), lin, kU, 0}, {7, 0, 8, {0x41}, lin, kU, 0},
-      {0, 0, 72, Bytes(9, 1), lin, kU, 0}, {1, 0, 16, {1}, lin, kU, 0},
-      // An unsupported rule passes the raw value through with 1021.
-      {1, 0, 8, {0xFE}, make_cc(3, {1, 10}), kRule, -2},
-      {2, 0, 32, {0, 0, 0xC0, 0x3F}, make_cc(133, {}), kRule, 1.5},
-  };
-  // clang-format on
-  each(cases, [](const Case& c, const uint8_t* cn) {
-    Bytes rule = c.rule;
-    double v = 12345.0;
-    const auto status = korvel::decode_phy(c.record, cn, rule.empty() ? nullptr : rule.data(), &v);
-    EXPECT_EQ(std::pair(status, v), std::pair(c.status, c.value));
   });
 }
 
@@ -310,52 +187,6 @@ TEST(EncodeTest, RawFromDoubleAndFromInteger) {
                             ? korvel::encode_hex(record, cn, c.value)
                             : korvel::encode_hex_int(
                                   record, cn, static_cast<uint64_t>(static_cast<int64_t>(c.value)));
-    EXPECT_EQ(std::pair(status, record), std::pair(c.status, c.after)) << c.value;
-  });
-}
-
-TEST(EncodeTest, RawBytes) {
-  const Bytes src = {'A', 0, 'C', 'D', 'E', 'F'};
-  const Bytes n6(6, 9);
-  // clang-format off
-  struct Case { int code, first_bit, bits; uint32_t length; int16_t status; Bytes after; };
-  const Case cases[] = {
-      {8, 8, 24, 6, 0, {9, 'A', 0, 'C', 9, 9}}, {8, 8, 24, 2, 0, {9, 'A', 0, 9, 9, 9}},
-      {7, 0, 32, 6, 0, {'A', 0, 'C', 'D', 9, 9}},  // strings too, as they stand
-      {0, 16, 16, 6, 0, {9, 9, 'A', 0, 9, 9}}, {8, 8, 24, 0, 0, n6}, {8, 4, 24, 6, kAlign, n6},
-      {8, 8, 20, 6, kAlign, n6}, {8, 32, 24, 6, kU, n6},
-  };
-  // clang-format on
-  each(cases, [&](const Case& c, const uint8_t* cn) {
-    Bytes record = n6;
-    const auto status = korvel::encode_data(record, cn, src.data(), c.length);
-    EXPECT_EQ(std::pair(status, record), std::pair(c.status, c.after));
-  });
-}
-
-// The rules' inverses themselves are the conversion tests' subject.
-TEST(EncodeTest, PhysicalValue) {
-  Bytes formula = make_cc(MDF_CC_FRM_TXT, {0.0});
-  std::memcpy(formula.data() + cc::kParams, "X*2", 3);
-  const Bytes lin = make_cc(MDF_CC_FRM_LIN, {1, 2});  // physical = 2 raw + 1
-  const Bytes keep = {0x99, 0x99};
-  // clang-format off
-  // Two record bytes, 0x99 0x99 before.
-  struct Case { int code, first_bit, bits; Bytes rule; double value; int16_t status; Bytes after; };
-  const Case cases[] = {
-      {0, 0, 8, {}, 7.4, 0, {7, 0x99}}, {0, 0, 8, lin, 7, 0, {3, 0x99}},
-      {1, 0, 16, lin, -7, 0, {0xFC, F}},
-      {0, 0, 8, make_cc(MDF_CC_FRM_LIN, {5, 0}), 7, 0, {0, 0x99}},  // P2 = 0: raw 0
-      {7, 0, 8, lin, 4, kU, keep}, {8, 0, 16, lin, 4, kU, keep},
-      // Text formulas and unsupported rules: 1021, nothing stored.
-      {0, 0, 8, formula, 8, kRule, keep}, {0, 0, 8, make_cc(4, {1, 2}), 8, kRule, keep},
-      {0, 0, 8, make_cc(132, {1, 2}), 8, kRule, keep},
-  };
-  // clang-format on
-  each(cases, [&](const Case& c, const uint8_t* cn) {
-    Bytes record = keep;
-    const auto status =
-        korvel::encode_phy(record, cn, c.rule.empty() ? nullptr : c.rule.data(), c.value);
     EXPECT_EQ(std::pair(status, record), std::pair(c.status, c.after)) << c.value;
   });
 }
