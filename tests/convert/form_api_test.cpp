@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -12,8 +11,6 @@
 #include "support/scratch.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 double real_at(const void* base, size_t index) {
   double v;
@@ -30,12 +27,10 @@ std::string log_text() {
 
 // Channels 1..6 of one group: no rule, linear, table, verbal table, verbal range table, and
 // a verbal range table whose first text scales.
-class FormApi : public ::testing::Test {
+class FormApi : public mdftest::Session {
  protected:
   void SetUp() override {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    path_ = (mdftest::scratch_dir("korvel_form") / "form.mdf").string();
+    Session::SetUp();
     mdftest::FileModel f;
     auto& cg = f.add_data_group().add_channel_group(8);
     cg.add_channel("plain", 0, 8, 0);
@@ -48,32 +43,17 @@ class FormApi : public ::testing::Test {
     cg.add_channel("scaled", 40, 8, 0).conversion =
         mdftest::range_table({{0, 1, std::string("{LINEAR_CONV \"2.5*{X}-10\"}")}});
     cg.add_record();
-    mdftest::write_file(path_, mdftest::build(f).bytes);
-    ASSERT_EQ(mdfFileOpen(&file_, path_.c_str(), MDF_OPEN_READ), 0);
-    ASSERT_EQ(mdfGrpOpen(&group_, file_, 1, 0), 0);
-  }
-  void TearDown() override {
-    mdfClose();
-    fs::remove_all(fs::path(path_).parent_path());
+    ASSERT_EQ(mdfGrpOpen(&group_, open_file(write(f)), 1, 0), 0);
   }
   channelnode* channel(uint16_t index) {
     channelnode* ch = nullptr;
     EXPECT_EQ(mdfChnOpen(&ch, group_, index), 0);
     return ch;
   }
-  // Negative statuses are sticky: a test that provokes one starts afresh afterwards.
-  void restart() {
-    mdfClose();
-    mdfOpen(nullptr);
-    ASSERT_EQ(mdfFileOpen(&file_, path_.c_str(), MDF_OPEN_READ), 0);
-    ASSERT_EQ(mdfGrpOpen(&group_, file_, 1, 0), 0);
-  }
-  std::string path_;
-  mdf_file* file_ = nullptr;
   mdf_group* group_ = nullptr;
 };
 
-TEST_F(FormApi, GetForm) {
+TEST_F(FormApi, Getters) {
   uint16_t type = 7;
   const char* unit = nullptr;
   const void* params = nullptr;
@@ -84,11 +64,6 @@ TEST_F(FormApi, GetForm) {
   EXPECT_EQ(std::make_tuple(type, std::string(unit), real_at(params, 0), real_at(params, 1)),
             std::make_tuple(MDF_CC_FRM_LIN, "km/h", 1.0, 2.0));
   EXPECT_EQ(mdfChnGetForm(channel(2), nullptr, nullptr, nullptr), 0);
-}
-
-TEST_F(FormApi, TableGetters) {
-  uint16_t type = 0;
-  const char* unit = nullptr;
   const uint16_t* count = nullptr;
   const void* points = nullptr;
   ASSERT_EQ(mdfChnGetFormTab(channel(3), &type, &unit, &count, &points), 0);
