@@ -239,7 +239,15 @@ TEST_F(Sort, LinkedBlocksFollow) {
   EXPECT_EQ(r.header.comment, "file comment");
   const auto& dep = r.data_groups[0].channel_groups[0].channels[0].dependency;
   ASSERT_TRUE(dep.has_value());
-  EXPECT_EQ(dep->targets, (std::vector<mdftest::DependencyTarget>{{1, 0, 1}, {3, 0, 0}}));
+  // Data group, channel group and channel of each dependency, by their places in the target.
+  const auto at = [&](size_t d, size_t c) {
+    const auto& dg = r.data_groups.at(d);
+    const auto& cg = dg.channel_groups.at(0);
+    return std::make_tuple(dg.offset, cg.offset, cg.channels.at(c).offset);
+  };
+  ASSERT_EQ(dep->links.size(), 2u);
+  EXPECT_EQ(std::make_tuple(dep->links[0].dg, dep->links[0].cg, dep->links[0].cn), at(1, 1));
+  EXPECT_EQ(std::make_tuple(dep->links[1].dg, dep->links[1].cg, dep->links[1].cn), at(3, 0));
   const auto& cc = r.data_groups[1].channel_groups[0].channels[1].conversion;
   ASSERT_TRUE(cc.has_value());
   EXPECT_EQ(std::make_tuple(cc->type, cc->ranges.at(0).text, cc->ranges.at(1).text, cc->ranges.at(2).text),

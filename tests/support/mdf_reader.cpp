@@ -115,7 +115,6 @@ class Reader {
       return r_.data_groups.back().next_link;
     });
     for (auto& dg : r_.data_groups) read_data(dg);
-    resolve_dependencies();
   }
 
  private:
@@ -294,32 +293,6 @@ class Reader {
         warning(what + ": trailing record id differs from the leading one" + at_text(pos));
       pos += length;
     }
-  }
-
-  // The dependency links as indices of data group, channel group and channel (-1: none).
-  void resolve_dependencies() {
-    std::map<uint32_t, int> index;
-    for (size_t i = 0; i < r_.data_groups.size(); ++i) {
-      const auto& dg = r_.data_groups[i];
-      index[dg.offset] = static_cast<int>(i);
-      for (size_t j = 0; j < dg.channel_groups.size(); ++j) {
-        const auto& cg = dg.channel_groups[j];
-        index[cg.offset] = static_cast<int>(j);
-        for (size_t k = 0; k < cg.channels.size(); ++k)
-          index[cg.channels[k].offset] = static_cast<int>(k);
-      }
-    }
-    const auto find = [&](uint32_t link) {
-      const auto it = index.find(link);
-      return link == 0 || it == index.end() ? -1 : it->second;
-    };
-    for (auto& dg : r_.data_groups)
-      for (auto& cg : dg.channel_groups)
-        for (auto& cn : cg.channels)
-          for (size_t k = 0; cn.dependency && k < cn.dependency->links.size(); ++k) {
-            const auto& l = cn.dependency->links[k];
-            cn.dependency->targets.push_back({find(l.dg), find(l.cg), find(l.cn)});
-          }
   }
 
   std::span<const uint8_t> f_;

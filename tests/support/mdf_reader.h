@@ -64,8 +64,7 @@ struct ReadDependency {
   struct Links {
     uint32_t dg = 0, cg = 0, cn = 0;
   };
-  std::vector<Links> links;               // as many as the count says and the block holds
-  std::vector<DependencyTarget> targets;  // the links as indices (-1: link 0 or not found)
+  std::vector<Links> links;  // as many as the count says and the block holds
 };
 
 struct ReadChannel : ChannelFields {
