@@ -28,23 +28,8 @@ using Ch = channelnode*;
 constexpr int16_t kEnd = MDF_END_OF_GROUP, kNoChannel = MDF_CHANNEL_NOT_FOUND,
                   kUnsupported = MDF_UNSUPPORTED_TYPE, kTooShort = MDF_CN_TOO_SHORT;
 
-class ChannelApi : public mdftest::Session {
- protected:
-  // Opens a file and one of its groups in the same mode (2: a new file with a new group); the
-  // file handle is kept in f_.
-  mdf_group* open(const std::string& file, uint16_t mode) {
-    mdf_group* g = nullptr;
-    EXPECT_EQ(mdfGrpOpen(&g, f_ = open_file(file, mode), 1, mode), 0) << file;
-    return g;
-  }
-  mdf_file* f_ = nullptr;
-};
-
-Ch open_channel(mdf_group* g, size_t index) {
-  Ch ch = nullptr;
-  EXPECT_EQ(mdfChnOpen(&ch, g, static_cast<uint16_t>(index)), 0) << index;
-  return ch;
-}
+using ChannelApi = mdftest::Session;
+using mdftest::open_channel;
 
 std::string name_of(Ch ch) {
   const char* name = nullptr;
@@ -944,8 +929,7 @@ size_t log_size() {
 
 TEST_F(ChannelApi, OpenChannelsOfAGroupInOrderOfOpening) {
   mdf_group* g1 = open(write(ten_records()), MDF_OPEN_READ);
-  mdf_group* g2 = nullptr;
-  ASSERT_EQ(mdfGrpOpen(&g2, f_, 1, MDF_OPEN_READ), 0);
+  mdf_group* g2 = mdftest::open_group(f_, 1);
   Ch it = reinterpret_cast<Ch>(g1);
   EXPECT_EQ(mdfChnGetFirst(g1, &it), MDF_CHN_NOT_FOUND);
   EXPECT_EQ(it, nullptr);

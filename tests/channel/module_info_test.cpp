@@ -112,22 +112,8 @@ Bytes record_of(const char* places, const Fields& v) {
   return r.bytes;
 }
 
-class ModuleInfo : public mdftest::Session {
- protected:
-  // Opens a file and its first group.
-  mdf_group* open(const std::string& file, uint16_t mode, uint16_t group_mode) {
-    mdf_group* g = nullptr;
-    EXPECT_EQ(mdfGrpOpen(&g, f_ = open_file(file, mode), 1, group_mode), 0);
-    return g;
-  }
-  mdf_file* f_ = nullptr;
-};
-
-Ch channel(mdf_group* g, size_t index) {
-  Ch ch = nullptr;
-  EXPECT_EQ(mdfChnOpen(&ch, g, static_cast<uint16_t>(index)), 0);
-  return ch;
-}
+using ModuleInfo = mdftest::Session;
+using mdftest::open_channel;
 
 // Every channel of a file: the generic getter hands out 128 bytes, the block's record followed
 // by zeros, or 1009 where the test-side reader found no extension block. Returns the blocks.
@@ -145,7 +131,7 @@ size_t check_extensions(const std::string& file) {
       uint16_t type = 0;
       const ce_info* info = nullptr;
       EXPECT_EQ(mdfGrpOpen(&g, f, static_cast<uint16_t>(gi + 1), MDF_OPEN_READ), 0);
-      EXPECT_EQ(mdfChnGetModuleInfo(channel(g, ci + 1), &type, &info), ext ? 0 : 1009);
+      EXPECT_EQ(mdfChnGetModuleInfo(open_channel(g, ci + 1), &type, &info), ext ? 0 : 1009);
       EXPECT_EQ(mdfGrpClose(g), 0);
       if (!ext || info == nullptr) continue;
       ++found;
@@ -223,7 +209,7 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
     for (size_t l = 0; l < kLayouts.size(); ++l) {
       Fields got;
       const bool own = l == row.layout && row.type != MDF_CE_SSC;
-      EXPECT_EQ(kLayouts[l].get(channel(g, i + 1), got), own ? 0 : MDF_NO_MODULE_INFO) << l;
+      EXPECT_EQ(kLayouts[l].get(open_channel(g, i + 1), got), own ? 0 : MDF_NO_MODULE_INFO) << l;
       if (own) {
         EXPECT_EQ(record_of(kLayouts[l].places, got), row.record);
       }
@@ -243,7 +229,7 @@ TEST_F(ModuleInfo, BlocksOfOtherSizesAndOfOtherWriters) {
   EXPECT_EQ(check_extensions(write(model, "sizes.mdf")), 2u);
   // A text running to the end of a long block ends in the zeros behind it.
   const char* t = nullptr;
-  Ch ch = channel(open(path("sizes.mdf"), MDF_OPEN_READ, MDF_OPEN_READ), 2);
+  Ch ch = open_channel(open(path("sizes.mdf"), MDF_OPEN_READ, MDF_OPEN_READ), 2);
   ASSERT_EQ(mdfChnGetCanInfo(ch, nullptr, nullptr, nullptr, &t, nullptr), 0);
   EXPECT_EQ(std::string(t), std::string(194 - 24, 'x'));
   ASSERT_EQ(mdfFileClose(f_), 0);
@@ -270,8 +256,8 @@ TEST_F(ModuleInfo, SetInAFileOpenForModifyingReachesItWhateverTheGroupMode) {
     const std::string file = path("mod" + std::to_string(mode) + ".mdf");
     mdftest::write_file(file, built.bytes);
     mdf_group* g = open(file, MDF_OPEN_MODIFY, mode);
-    ASSERT_EQ(mdfChnSetCanInfo(channel(g, 1), 3, 4, "five", "six", 7), 0);
-    ASSERT_EQ(mdfChnSetQ24Info(channel(g, 2), "q", 8, 9), 0);
+    ASSERT_EQ(mdfChnSetCanInfo(open_channel(g, 1), 3, 4, "five", "six", 7), 0);
+    ASSERT_EQ(mdfChnSetQ24Info(open_channel(g, 2), "q", 8, 9), 0);
     ASSERT_EQ(mdfGrpClose(g), 0);
     ASSERT_EQ(mdfFileClose(f_), 0);
     // Up to the old end only the two links changed: the old block stays, unlinked.

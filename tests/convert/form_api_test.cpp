@@ -43,13 +43,9 @@ class FormApi : public mdftest::Session {
     cg.add_channel("scaled", 40, 8, 0).conversion =
         mdftest::range_table({{0, 1, std::string("{LINEAR_CONV \"2.5*{X}-10\"}")}});
     cg.add_record();
-    ASSERT_EQ(mdfGrpOpen(&group_, open_file(write(f)), 1, 0), 0);
+    group_ = mdftest::open_group(open_file(write(f)), 1);
   }
-  channelnode* channel(uint16_t index) {
-    channelnode* ch = nullptr;
-    EXPECT_EQ(mdfChnOpen(&ch, group_, index), 0);
-    return ch;
-  }
+  channelnode* channel(uint16_t index) { return mdftest::open_channel(group_, index); }
   mdf_group* group_ = nullptr;
 };
 

@@ -28,12 +28,10 @@ TEST_F(FormulaFile, TextFormulasConvertRecordValuesAndAreReadUpperCased) {
         .conversion = mdftest::formula(columns[c].first);
   }
   for (uint8_t x = 0; x < 6; ++x) cg.add_record().assign(5, x);
-  mdf_group* group = nullptr;
-  ASSERT_EQ(mdfGrpOpen(&group, open_file(write(f)), 1, MDF_OPEN_READ), 0);
+  mdf_group* group = mdftest::open_group(open_file(write(f)), 1);
   for (size_t c = 0; c < std::size(columns); ++c) {
     SCOPED_TRACE(columns[c].first);
-    channelnode* ch = nullptr;
-    ASSERT_EQ(mdfChnOpen(&ch, group, static_cast<uint16_t>(c + 1)), 0);
+    channelnode* ch = mdftest::open_channel(group, c + 1);
     ASSERT_EQ(mdfGrpSeek(group, 0, MDF_SEEK_ABS), 0);
     for (int x = 0; x < 6; ++x) {
       double value = -99;
@@ -43,17 +41,14 @@ TEST_F(FormulaFile, TextFormulasConvertRecordValuesAndAreReadUpperCased) {
   }
   // A formula read twice gives the same value; reading it upper-cases its text in the block, so
   // a copy of the rule written into another file holds the upper-cased text.
-  channelnode *b = nullptr, *copy = nullptr;
-  ASSERT_EQ(mdfChnOpen(&b, group, 2), 0);
+  channelnode *b = mdftest::open_channel(group, 2), *copy = nullptr;
   ASSERT_EQ(mdfGrpSeek(group, 4, MDF_SEEK_ABS), 0);
   double first = 0, second = 0;
   EXPECT_EQ(mdfChnGetPhy(&first, b, 0), 0);
   EXPECT_EQ(mdfChnGetPhy(&second, b, 0), 0);
   EXPECT_EQ(std::make_pair(first, second), std::make_pair(-4.0, -4.0));
   mdf_file* target = open_file(path("copy.mdf"), MDF_OPEN_CREATE);
-  mdf_group* created = nullptr;
-  ASSERT_EQ(mdfGrpOpen(&created, target, 1, MDF_OPEN_CREATE), 0);
-  ASSERT_EQ(mdfChnDuplicate(&copy, created, b), 0);
+  ASSERT_EQ(mdfChnDuplicate(&copy, mdftest::open_group(target, 1, MDF_OPEN_CREATE), b), 0);
   ASSERT_EQ(mdfFileClose(target), 0);
   const auto read = mdftest::read_file(path("copy.mdf"));
   ASSERT_TRUE(read.ok()) << read.error_text();

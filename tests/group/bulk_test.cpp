@@ -159,13 +159,11 @@ void compare_channel(mdf_group* g, channelnode* ch, uint32_t records) {
 }
 
 void compare_group(mdf_file* file, uint16_t number, uint32_t records) {
-  mdf_group* g = nullptr;
-  ASSERT_EQ(mdfGrpOpen(&g, file, number, 0), 0);
+  mdf_group* g = mdftest::open_group(file, number);
   uint16_t channels = 0;
   ASSERT_EQ(mdfGrpChannels(&channels, g), 0);
   for (uint16_t i = 1; i <= channels; ++i) {
-    channelnode* ch = nullptr;
-    ASSERT_EQ(mdfChnOpen(&ch, g, i), 0);
+    channelnode* ch = mdftest::open_channel(g, i);
     SCOPED_TRACE("channel " + std::to_string(i));
     compare_channel(g, ch, records);
     ASSERT_EQ(mdfChnClose(ch), 0);

@@ -18,6 +18,7 @@
 namespace {
 
 using GroupApi = mdftest::Session;
+using mdftest::open_group;
 using Bytes = std::vector<uint8_t>;
 
 // The current record's data bytes.
@@ -25,12 +26,6 @@ Bytes current(mdf_group* g) {
   uint8_t* data = nullptr;
   const int32_t size = mdfGrpBuffer(&data, g);
   return {data, data + (size - 24)};
-}
-
-mdf_group* group(mdf_file* file, uint16_t n, uint16_t mode = MDF_OPEN_READ) {
-  mdf_group* g = nullptr;
-  EXPECT_EQ(mdfGrpOpen(&g, file, n, mode), 0) << n;
-  return g;
 }
 
 // Record k of channel group c: its bytes say which record it is.
@@ -67,7 +62,7 @@ TEST_F(GroupApi, InterleavedRecordsReadInOrderAndBySeeks) {
     EXPECT_EQ(channels, 3u);
     for (uint16_t c = 0; c < 3; ++c) {
       const auto& records = f.data_groups[0].channel_groups[c].records;
-      mdf_group* g = group(file, c + 1);
+      mdf_group* g = open_group(file, c + 1);
       uint32_t count = 0;
       EXPECT_EQ(mdfGrpRecords(&count, g), 0);
       ASSERT_EQ(count, records.size());
@@ -89,7 +84,7 @@ TEST_F(GroupApi, InterleavedRecordsReadInOrderAndBySeeks) {
 }
 
 TEST_F(GroupApi, SeeksBeyondTheEndsLeaveTheCursorAndTheCurrentRecordIsRereadIfUnsorted) {
-  mdf_group* g = group(open_file(write(interleaved(1))), 1);
+  mdf_group* g = open_group(open_file(write(interleaved(1))), 1);
   ASSERT_EQ(mdfGrpSeek(g, 2, MDF_SEEK_ABS), 0);
   const std::tuple<int32_t, uint16_t, int16_t> cases[] = {
       {-3, MDF_SEEK_REL, 1}, {-100, MDF_SEEK_REL, 1}, {3, MDF_SEEK_REL, 1},
@@ -103,7 +98,7 @@ TEST_F(GroupApi, SeeksBeyondTheEndsLeaveTheCursorAndTheCurrentRecordIsRereadIfUn
   // A seek to the current record reads it again from the file in an unsorted group only.
   for (uint16_t ids : {uint16_t{0}, uint16_t{1}}) {
     restart();
-    g = group(open_file(write(interleaved(ids))), 1);
+    g = open_group(open_file(write(interleaved(ids))), 1);
     ASSERT_EQ(mdfGrpSeek(g, 1, MDF_SEEK_ABS), 0);
     uint8_t* data = nullptr;
     mdfGrpBuffer(&data, g);
@@ -128,8 +123,8 @@ TEST_F(GroupApi, Refusals) {
   const std::pair<const char*, std::function<int16_t(mdf_file*)>> cases[] = {
       {"modify on a read file", [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 1); }},
       {"mode 3", [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 3); }},
-      {"write in mode 0", [&](mdf_file* f) { return mdfGrpWrite(group(f, 1)); }},
-      {"append in mode 0", [&](mdf_file* f) { return mdfGrpWriteAppend(group(f, 1)); }},
+      {"write in mode 0", [&](mdf_file* f) { return mdfGrpWrite(open_group(f, 1)); }},
+      {"append in mode 0", [&](mdf_file* f) { return mdfGrpWriteAppend(open_group(f, 1)); }},
       {"delete in a read file", [&](mdf_file* f) { return mdfGrpDelete(f, 1); }},
   };
   for (const auto& [what, call] : cases) {
@@ -145,7 +140,7 @@ TEST_F(GroupApi, GroupsOfAFileInOrderOfOpening) {
   mdf_file* other = open_file(write(interleaved(2), "other.mdf"));
   mdf_group* it = nullptr;
   EXPECT_EQ(mdfGrpGetFirst(&it, file), MDF_GRP_NOT_FOUND);
-  mdf_group *a = group(file, 3), *b = group(other, 1), *c = group(file, 1);
+  mdf_group *a = open_group(file, 3), *b = open_group(other, 1), *c = open_group(file, 1);
   EXPECT_EQ(mdfGrpGetFirst(&it, file), 0);
   EXPECT_EQ(it, a);
   EXPECT_EQ(mdfGrpGetNext(&it), 0);
@@ -162,23 +157,23 @@ TEST_F(GroupApi, GroupsOfAFileInOrderOfOpening) {
 TEST_F(GroupApi, CreatedGroupIsGroupOneAndCountsItsAppendedRecords) {
   const auto p = path("new.mdf");
   mdf_file* file = open_file(p, MDF_OPEN_CREATE);
-  mdf_group* first = group(file, 1, MDF_OPEN_CREATE);
+  mdf_group* first = open_group(file, 1, MDF_OPEN_CREATE);
   for (int i = 0; i < 2; ++i) ASSERT_EQ(mdfGrpWriteAppend(first), 0);
   mdf_group* second = nullptr;
   EXPECT_EQ(mdfGrpOpen(&second, file, 1, MDF_OPEN_CREATE), MDF_ERR_TWO_CREATES);
   restart();
   file = open_file(p, MDF_OPEN_CREATE);
-  first = group(file, 1, MDF_OPEN_CREATE);
+  first = open_group(file, 1, MDF_OPEN_CREATE);
   ASSERT_EQ(mdfGrpWriteAppend(first), 0);
   ASSERT_EQ(mdfGrpClose(first), 0);
-  mdf_group* g = group(file, 7, MDF_OPEN_CREATE);
+  mdf_group* g = open_group(file, 7, MDF_OPEN_CREATE);
   for (int i = 0; i < 3; ++i) ASSERT_EQ(mdfGrpWriteAppend(g), 0);
   uint32_t count = 0, earlier_count = 9;
   uint16_t groups = 0;
   EXPECT_EQ(mdfGrpRecords(&count, g), 0);
   EXPECT_EQ(mdfFileGroups(&groups, file), 0);
   // The group created first has moved up to number 2; one appended record is written as 0.
-  EXPECT_EQ(mdfGrpRecords(&earlier_count, group(file, 2)), 0);
+  EXPECT_EQ(mdfGrpRecords(&earlier_count, open_group(file, 2)), 0);
   EXPECT_EQ(std::make_tuple(count, groups, earlier_count), std::make_tuple(3u, uint16_t{2}, 0u));
   ASSERT_EQ(mdfFileClose(file), 0);
 
@@ -205,7 +200,7 @@ TEST_F(GroupApi, RewritingARecordChangesExactlyItsBytes) {
     const auto built = mdftest::build(interleaved(ids));
     const auto in = write(built);
     mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
-    mdf_group* g = group(file, 1, MDF_OPEN_MODIFY);
+    mdf_group* g = open_group(file, 1, MDF_OPEN_MODIFY);
     ASSERT_EQ(mdfGrpSeek(g, 2, MDF_SEEK_ABS), 0);
     uint8_t* data = nullptr;
     mdfGrpBuffer(&data, g);
@@ -232,7 +227,7 @@ TEST_F(GroupApi, DeletingGroups) {
   f.add_data_group().add_channel_group(1).add_channel("solo", 0, 8, 0);
   const auto in = write(f);
   mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
-  mdf_group* g = group(file, 2);
+  mdf_group* g = open_group(file, 2);
   EXPECT_EQ(mdfGrpDelete(file, 2), MDF_GROUP_IS_OPEN);
   EXPECT_EQ(mdfGrpDelete(file, 9), MDF_GROUP_NOT_FOUND);
   ASSERT_EQ(mdfGrpClose(g), 0);
@@ -272,7 +267,7 @@ TEST_F(GroupApi, DamagedDataSections) {
     f.data_at_end = true;
     auto built = mdftest::build(f);
     damage(built);
-    mdf_group* g = group(open_file(write(built)), 1);
+    mdf_group* g = open_group(open_file(write(built)), 1);
     EXPECT_EQ(mdfGrpSeek(g, seek_to, MDF_SEEK_ABS), status);
     EXPECT_EQ(mdfGetErrorCode(), status < 0 ? status : 0);
   }
@@ -284,7 +279,7 @@ TEST_F(GroupApi, DamagedDataSections) {
 TEST_F(GroupApi, CloseWritesTheBlocksOfACreatedGroupInOrder) {
   const auto p = path("order.mdf");
   mdf_file* file = open_file(p, MDF_OPEN_CREATE);
-  mdf_group* g = group(file, 1, MDF_OPEN_CREATE);
+  mdf_group* g = open_group(file, 1, MDF_OPEN_CREATE);
   channelnode* chs[2] = {};
   for (int i = 0; i < 2; ++i) {
     ASSERT_EQ(mdfChnCreate(&chs[i], g, 0, 16, MDF_DT_UINT, i == 0 ? "first" : "second"), 0);
@@ -334,7 +329,7 @@ TEST_F(GroupApi, RecordsAreWrittenOnlyWhereThereAreRecords) {
   const auto in = write(f);
   const auto before = mdftest::load_file(in);
   mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
-  mdf_group* g = group(file, 2, MDF_OPEN_MODIFY);
+  mdf_group* g = open_group(file, 2, MDF_OPEN_MODIFY);
   // An empty group opens, has no record to seek or write, and a buffer of its record size.
   uint32_t count = 9;
   uint16_t channels = 0;
@@ -348,9 +343,8 @@ TEST_F(GroupApi, RecordsAreWrittenOnlyWhereThereAreRecords) {
   ASSERT_EQ(mdfGrpClose(g), 0);
   // One Write per record up to the last: the close stores the last record and finds no
   // record to move on to, which ends neither the channel nor the group.
-  g = group(file, 1, MDF_OPEN_MODIFY);
-  channelnode* ch = nullptr;
-  ASSERT_EQ(mdfChnOpen(&ch, g, 1), 0);
+  g = open_group(file, 1, MDF_OPEN_MODIFY);
+  channelnode* ch = mdftest::open_channel(g, 1);
   for (uint64_t v : {11, 22, 33}) ASSERT_EQ(mdfChnWriteHexInt(ch, v), 0);
   ASSERT_EQ(mdfGrpClose(g), 0);
   EXPECT_EQ(korvel::state().open_channels, nullptr);  // the channel went with its group
@@ -365,12 +359,12 @@ TEST_F(GroupApi, RecordsAreWrittenOnlyWhereThereAreRecords) {
 
 TEST_F(GroupApi, AGrownRecordReachesEveryHandleOnItsChannelGroup) {
   mdf_file* file = open_file(path("grow.mdf"), MDF_OPEN_CREATE);
-  mdf_group* made = group(file, 1, MDF_OPEN_CREATE);
+  mdf_group* made = open_group(file, 1, MDF_OPEN_CREATE);
   channelnode* ch = nullptr;
   ASSERT_EQ(mdfChnCreate(&ch, made, 0, 8, MDF_DT_UINT, "small"), 0);
   for (int k = 0; k < 2; ++k) ASSERT_EQ(mdfGrpWriteAppend(made), 0);
   ASSERT_EQ(mdfGrpClose(made), 0);
-  mdf_group *a = group(file, 1), *b = group(file, 1);
+  mdf_group *a = open_group(file, 1), *b = open_group(file, 1);
   ASSERT_EQ(mdfChnCreate(&ch, a, 0, 64, MDF_DT_UINT, "wide"), 0);  // in memory only
   EXPECT_EQ(mdfGrpBuffer(nullptr, b), 9 + 24);
   channelnode* through_b = nullptr;
@@ -392,7 +386,7 @@ TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
       {1, 0}, {100, 99}, {100, 3}, {230000, 10}, {230000, 229999}};
   const auto p = path("appended.mdf");
   mdf_file* file = open_file(p, MDF_OPEN_CREATE);
-  mdf_group* g = group(file, 1, MDF_OPEN_CREATE);
+  mdf_group* g = open_group(file, 1, MDF_OPEN_CREATE);
   channelnode* ch = nullptr;
   ASSERT_EQ(mdfChnCreate(&ch, g, MDF_CHN_DATA, 32, MDF_DT_UINT, "n"), 0);
   std::vector<uint32_t> expected;
@@ -417,10 +411,10 @@ TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
       ASSERT_EQ(value(current(r)), expected[k]) << k;
     }
   };
-  read_all(group(file, 1), kRecords);
+  read_all(open_group(file, 1), kRecords);
   ASSERT_EQ(mdfFileClose(file), 0);
   // A closed created group declares one record less than it was given.
-  read_all(group(open_file(p), 1), kRecords - 1);
+  read_all(open_group(open_file(p), 1), kRecords - 1);
   const auto r = mdftest::read_file(p);
   ASSERT_TRUE(r.ok()) << r.error_text();
   const auto& records = r.data_groups.at(0).channel_groups.at(0).records;

@@ -27,9 +27,7 @@ class GroupTime : public mdftest::Session {
   // Opens group 1 of in.mdf, written from `f` unless it is null.
   mdf_group* open(const mdftest::FileModel* f, uint16_t mode = MDF_OPEN_READ) {
     if (f != nullptr) write(*f);
-    mdf_group* g = nullptr;
-    EXPECT_EQ(mdfGrpOpen(&g, open_file(file(), mode), 1, mode), 0);
-    return g;
+    return mdftest::open_group(open_file(file(), mode), 1, mode);
   }
   static uint32_t tell(mdf_group* g) {
     uint32_t at = 99;

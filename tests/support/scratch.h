@@ -38,6 +38,18 @@ inline std::filesystem::path copy_writable(const std::filesystem::path& from,
   return to;
 }
 
+inline mdf_group* open_group(mdf_file* file, uint16_t n, uint16_t mode = MDF_OPEN_READ) {
+  mdf_group* g = nullptr;
+  EXPECT_EQ(mdfGrpOpen(&g, file, n, mode), 0) << n;
+  return g;
+}
+
+inline channelnode* open_channel(mdf_group* g, size_t index) {
+  channelnode* ch = nullptr;
+  EXPECT_EQ(mdfChnOpen(&ch, g, static_cast<uint16_t>(index)), 0) << index;
+  return ch;
+}
+
 // A test in a fresh library session with a scratch directory of its own.
 class Session : public ::testing::Test {
  protected:
@@ -68,7 +80,12 @@ class Session : public ::testing::Test {
     EXPECT_EQ(mdfFileOpen(&f, file.c_str(), mode), 0) << file;
     return f;
   }
+  // Opens a file (kept in f_) and its first group, the group in the file's mode unless given.
+  mdf_group* open(const std::string& file, uint16_t mode, int group_mode = -1) {
+    return open_group(f_ = open_file(file, mode), 1, group_mode < 0 ? mode : uint16_t(group_mode));
+  }
   std::filesystem::path dir_;
+  mdf_file* f_ = nullptr;
 };
 
 }  // namespace mdftest
