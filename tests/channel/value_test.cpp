@@ -1,7 +1,7 @@
 // Decoding and encoding of raw channel values on record bytes and CN images built here byte by
-// byte: the layout rules, the edges of the decoders and encoders and the rounding rules (every
-// layout and width in the body of the value range, byte copies and physical values are the
-// channel API tests' subject).
+// byte: the layout rules, the edges of the decoders and encoders (byte copies included) and the
+// rounding rules (every layout and width in the body of the value range and physical values
+// are the channel API tests' subject).
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -21,9 +21,10 @@ namespace cn = korvel::layout::cn;
 using Bytes = std::vector<uint8_t>;
 
 constexpr int16_t kU = MDF_UNSUPPORTED_TYPE;
+constexpr int16_t kAlign = MDF_NOT_BYTE_ALIGNED;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
-const uint8_t F = 0xFF;
+const uint8_t E = 0xEE, F = 0xFF;
 
 // Little-endian numbers of `n` bytes.
 void put(Bytes& b, uint32_t at, uint64_t v, int n) {
@@ -126,6 +127,33 @@ TEST(DecodeTest, RawAsDoubleAndAsInteger) {
   });
 }
 
+TEST(DecodeTest, RawBytes) {
+  const Bytes record = {0x00, 0x11, 0x22, 0x33, 0x44, 'A', 'B', 0, 'C', 'D'};
+  // clang-format off
+  // The 6-byte buffer afterwards, prefilled with 0xEE.
+  struct Case { int code, first_bit, bits; uint32_t room; int16_t status; uint32_t length;
+                Bytes out; };
+  const Case cases[] = {
+      {8, 8, 24, 6, 0, 3, {0x11, 0x22, 0x33, E, E, E}},
+      {8, 8, 24, 2, 0, 2, {0x11, 0x22, E, E, E, E}},
+      {3, 16, 32, 6, 0, 4, {0x22, 0x33, 0x44, 'A', E, E}},
+      // A string stops after the first zero byte; the buffer behind it is left alone.
+      {7, 40, 40, 6, 0, 5, {'A', 'B', 0, E, E, E}}, {7, 40, 16, 6, 0, 2, {'A', 'B', E, E, E, E}},
+      {7, 56, 24, 6, 0, 3, {0, E, E, E, E, E}},
+      // Not whole bytes: 1016; past the record: 1020. The first buffer byte is cleared.
+      {8, 4, 16, 6, kAlign, 0, {0, E, E, E, E, E}}, {8, 8, 12, 6, kAlign, 0, {0, E, E, E, E, E}},
+      {8, 72, 16, 6, kU, 0, {0, E, E, E, E, E}},
+      {8, 8, 24, 0, 0, 0, {E, E, E, E, E, E}},  // no room: nothing written at all
+  };
+  // clang-format on
+  each(cases, [&](const Case& c, const uint8_t* cn) {
+    Bytes out(6, E);
+    uint32_t length = c.room;
+    const auto status = korvel::decode_data(record, cn, out.data(), &length);
+    EXPECT_EQ(std::tuple(status, length, out), std::tuple(c.status, c.length, c.out));
+  });
+}
+
 // ---------------------------------------------------------------------------------------
 // Encoding
 
@@ -188,6 +216,25 @@ TEST(EncodeTest, RawFromDoubleAndFromInteger) {
                             : korvel::encode_hex_int(
                                   record, cn, static_cast<uint64_t>(static_cast<int64_t>(c.value)));
     EXPECT_EQ(std::pair(status, record), std::pair(c.status, c.after)) << c.value;
+  });
+}
+
+TEST(EncodeTest, RawBytes) {
+  const Bytes src = {'A', 0, 'C', 'D', 'E', 'F'};
+  const Bytes n6(6, 9);
+  // clang-format off
+  struct Case { int code, first_bit, bits; uint32_t length; int16_t status; Bytes after; };
+  const Case cases[] = {
+      {8, 8, 24, 6, 0, {9, 'A', 0, 'C', 9, 9}}, {8, 8, 24, 2, 0, {9, 'A', 0, 9, 9, 9}},
+      {7, 0, 32, 6, 0, {'A', 0, 'C', 'D', 9, 9}},  // strings too, as they stand
+      {0, 16, 16, 6, 0, {9, 9, 'A', 0, 9, 9}}, {8, 8, 24, 0, 0, n6}, {8, 4, 24, 6, kAlign, n6},
+      {8, 8, 20, 6, kAlign, n6}, {8, 32, 24, 6, kU, n6},
+  };
+  // clang-format on
+  each(cases, [&](const Case& c, const uint8_t* cn) {
+    Bytes record = n6;
+    const auto status = korvel::encode_data(record, cn, src.data(), c.length);
+    EXPECT_EQ(std::pair(status, record), std::pair(c.status, c.after));
   });
 }
 
