@@ -130,21 +130,6 @@ TEST_F(FileApi, RefusedCalls) {
   EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: not sticky
 }
 
-TEST_F(FileApi, SortednessAndGroupCount) {
-  mdftest::FileModel f;
-  auto& dg = f.add_data_group(1);
-  dg.add_channel_group(4, 1).add_channel("a", 0, 32, 0);
-  dg.add_channel_group(2, 2).add_channel("b", 0, 16, 0);
-  f.add_data_group().add_channel_group(1).add_channel("c", 0, 8, 0);
-  mdf_file* file = open_file(write(f));
-  uint16_t groups = 0;
-  EXPECT_EQ(mdfFileGroups(&groups, file), 0);
-  EXPECT_EQ(groups, 3);
-  EXPECT_EQ(mdfFileIsSort(file), MDF_NOT_SORTED);
-  EXPECT_EQ(mdfGetErrorCode(), 0);
-  EXPECT_EQ(mdfFileIsSort(open_file(write(small_file(), "sorted.mdf"))), 0);
-}
-
 // Walks header -> first DG -> first CG -> first CN through the file's node tree.
 Node* first_channel(mdf_file* file) {
   using namespace korvel::layout;
