@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -18,12 +16,7 @@ double real_at(const void* base, size_t index) {
   return v;
 }
 
-std::string log_text() {
-  std::ifstream in("KORVEL.LOG");
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using mdftest::log_text;
 
 // Channels 1..6 of one group: no rule, linear, table, verbal table, verbal range table, and
 // a verbal range table whose first text scales.

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,13 +13,6 @@
 
 namespace {
 
-// The log is a text file: read as one, the platform's line end arrives as "\n".
-std::string read_log() {
-  std::ifstream in("KORVEL.LOG");
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 class Frame : public ::testing::Test {
  protected:
@@ -74,7 +66,7 @@ TEST_F(Frame, RaisedLinesReachTheLog) {
   EXPECT_EQ(mdfGetErrorCode(), 0);
   korvel::raise(7, "(n=3)");
   mdfPrintMessage("hello");
-  const std::string log = read_log();
+  const std::string log = mdftest::log_text();
   EXPECT_NE(log.find("[KORVEL-ERROR] library already open, cannot be initialized twice! \n\n"),
             std::string::npos);
   EXPECT_NE(log.find("[KORVEL-ERROR] group not found (n=3)\n\n"), std::string::npos);

@@ -22,10 +22,7 @@ namespace pf = korvel::platform;
 
 namespace {
 
-std::string get(const fs::path& name) {
-  std::ifstream in(name, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+const auto get = [](const fs::path& name) { return mdftest::slurp(name); };
 
 #if defined(_WIN32)
 // The system names the file; its number is not padded to four digits.

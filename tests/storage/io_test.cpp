@@ -8,9 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <random>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -36,10 +34,7 @@ Bytes pattern(std::size_t n, uint32_t seed) {
   return v;
 }
 
-Bytes get(const std::string& name) {
-  std::ifstream in(name, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+const auto get = mdftest::load_file;
 
 class Io : public mdftest::Session {
  protected:
@@ -97,9 +92,7 @@ TEST_P(IoBothStyles, OpenMissingAndCreate) {
   }
   // Logged with the file name, but positive: not sticky.
   EXPECT_EQ(mdfGetErrorCode(), 0);
-  std::stringstream log;
-  log << std::ifstream("KORVEL.LOG", std::ios::binary).rdbuf();
-  EXPECT_NE(log.str().find("could not open file " + missing), std::string::npos);
+  EXPECT_NE(mdftest::slurp("KORVEL.LOG").find("could not open file " + missing), std::string::npos);
   // Create replaces a file with an empty one.
   const std::string name = put("f.bin", pattern(1234, 1));
   const uint16_t n = open(name, flags(io::kCreate));

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -26,6 +28,14 @@ inline std::filesystem::path scratch_dir(const std::string& prefix) {
   std::filesystem::create_directories(dir);
   return dir;
 }
+
+// The contents of a file; a text file (the log) is read as text, so that its line ends arrive
+// as "\n" on every system.
+inline std::string slurp(const std::filesystem::path& path, bool text = false) {
+  std::ifstream in(path, text ? std::ios::in : std::ios::in | std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+inline std::string log_text() { return slurp("KORVEL.LOG", true); }
 
 // Copies a file (a shared sample, which may be read-only) into `dir` as a writable file, so
 // that the test may change it and the scratch directory can be removed on every system.

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -37,10 +36,7 @@ struct Outcome {
   std::string out, err;
 };
 
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using mdftest::slurp;
 
 Rows parse_csv(const std::string& text) {
   Rows rows(1, std::vector<std::string>(1));
