@@ -17,7 +17,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using Ch = channelnode*;
 using Bytes = std::vector<uint8_t>;
 
@@ -30,22 +29,15 @@ struct Fields {
   uint64_t q = 0;
   const char* t[2] = {};
 };
-using Set = std::function<int16_t(Ch, const Fields&)>;
+using V = const Fields&;
+using Set = std::function<int16_t(Ch, V)>;
 
 // clang-format off
-template <class F> Set text(F f) { return [f](Ch c, const Fields& v) { return f(c, v.t[0]); }; }
-template <class F> Set analog(F f) {
-  return [f](Ch c, const Fields& v) { return f(c, v.n[0], v.n[1], v.r, v.q); };
-}
-template <class F> Set device(F f) {
-  return [f](Ch c, const Fields& v) { return f(c, v.n[0], v.u[0], v.t[0], v.t[1]); };
-}
-template <class F> Set bus(F f) {
-  return [f](Ch c, const Fields& v) { return f(c, v.n[0], v.n[1], v.t[0], v.t[1], v.n[2]); };
-}
-template <class F> Set pair(F f) {
-  return [f](Ch c, const Fields& v) { return f(c, v.t[0], v.n[0], v.n[1]); };
-}
+template <class F> Set text(F f) { return [f](Ch c, V v) { return f(c, v.t[0]); }; }
+template <class F> Set analog(F f) { return [f](Ch c, V v) { return f(c, v.n[0], v.n[1], v.r, v.q); }; }
+template <class F> Set device(F f) { return [f](Ch c, V v) { return f(c, v.n[0], v.u[0], v.t[0], v.t[1]); }; }
+template <class F> Set bus(F f) { return [f](Ch c, V v) { return f(c, v.n[0], v.n[1], v.t[0], v.t[1], v.n[2]); }; }
+template <class F> Set pair(F f) { return [f](Ch c, V v) { return f(c, v.t[0], v.n[0], v.n[1]); }; }
 
 // Each layout as written down here: per argument in call order its record offset, its kind
 // (n 16-bit, u 32-bit, q 64-bit, r double, t text) and a text's width; its getter; its types.
@@ -63,32 +55,24 @@ const std::vector<LayoutCase> kLayouts = {
      },
      {{MDF_CE_GEN, text(mdfChnSetGenInfo)}, {MDF_CE_QNA, text(mdfChnSetQnaInfo)},
       {MDF_CE_QNV, text(mdfChnSetQnvInfo)}}},
-    {"18n 0n 10r 2q",
-     [](Ch c, Fields& v) { return mdfChnGetAimInfo(c, &v.n[0], &v.n[1], &v.r, &v.q); },
+    {"18n 0n 10r 2q", [](Ch c, Fields& v) { return mdfChnGetAimInfo(c, &v.n[0], &v.n[1], &v.r, &v.q); },
      {{MDF_CE_AIM, analog(mdfChnSetAimInfo)}, {MDF_CE_QA1, analog(mdfChnSetQa1Info)}}},
-    {"0n 2u 6t80 86t32",
-     [](Ch c, Fields& v) { return mdfChnGetDimInfo(c, &v.n[0], &v.u[0], &v.t[0], &v.t[1]); },
+    {"0n 2u 6t80 86t32", [](Ch c, Fields& v) { return mdfChnGetDimInfo(c, &v.n[0], &v.u[0], &v.t[0], &v.t[1]); },
      {{MDF_CE_DIM, device(mdfChnSetDimInfo)}, {MDF_CE_ETK, device(mdfChnSetEtkInfo)},
       {MDF_CE_DIM2, device(mdfChnSetDm2Info)}, {MDF_CE_QPSI1, device(mdfChnSetQp1Info)},
       {MDF_CE_QPSI2, device(mdfChnSetQp2Info)}, {MDF_CE_SSC, device(mdfChnSetSscInfo)}}},
     {"0n 2u 6t80 86t32 118n 120n", [](Ch c, Fields& v) {
-       return mdfChnGetAcanInfo(c, &v.n[0], &v.u[0], &v.t[0], &v.t[1], &v.n[1], &v.n[2]);
-     },
-     {{MDF_CE_ACAN, [](Ch c, const Fields& v) {
-        return mdfChnSetAcanInfo(c, v.n[0], v.u[0], v.t[0], v.t[1], v.n[1], v.n[2]); }}}},
+       return mdfChnGetAcanInfo(c, &v.n[0], &v.u[0], &v.t[0], &v.t[1], &v.n[1], &v.n[2]); },
+     {{MDF_CE_ACAN, [](Ch c, V v) { return mdfChnSetAcanInfo(c, v.n[0], v.u[0], v.t[0], v.t[1], v.n[1], v.n[2]); }}}},
     {"0n 2n 4t20 24t32 56n", [](Ch c, Fields& v) {
-       return mdfChnGetCanInfo(c, &v.n[0], &v.n[1], &v.t[0], &v.t[1], &v.n[2]);
-     },
+       return mdfChnGetCanInfo(c, &v.n[0], &v.n[1], &v.t[0], &v.t[1], &v.n[2]); },
      {{MDF_CE_CANIM, bus(mdfChnSetCanInfo)}, {MDF_CE_QCAN, bus(mdfChnSetQncInfo)}}},
-    {"0t32 32n 34n",
-     [](Ch c, Fields& v) { return mdfChnGetSmbInfo(c, &v.t[0], &v.n[0], &v.n[1]); },
+    {"0t32 32n 34n", [](Ch c, Fields& v) { return mdfChnGetSmbInfo(c, &v.t[0], &v.n[0], &v.n[1]); },
      {{MDF_CE_Q24, pair(mdfChnSetQ24Info)}, {MDF_CE_LA1, pair(mdfChnSetLa1Info)},
       {MDF_CE_LA2, pair(mdfChnSetLa2Info)}, {MDF_CE_THS, pair(mdfChnSetThsInfo)},
       {MDF_CE_ADS, pair(mdfChnSetAdsInfo)}}},
-    {"0u 4u 8t36 44t36",
-     [](Ch c, Fields& v) { return mdfChnGetQcnInfo(c, &v.u[0], &v.u[1], &v.t[0], &v.t[1]); },
-     {{MDF_CE_QCN, [](Ch c, const Fields& v) {
-        return mdfChnSetQcnInfo(c, v.u[0], v.u[1], v.t[0], v.t[1]); }}}},
+    {"0u 4u 8t36 44t36", [](Ch c, Fields& v) { return mdfChnGetQcnInfo(c, &v.u[0], &v.u[1], &v.t[0], &v.t[1]); },
+     {{MDF_CE_QCN, [](Ch c, V v) { return mdfChnSetQcnInfo(c, v.u[0], v.u[1], v.t[0], v.t[1]); }}}},
 };
 // clang-format on
 
@@ -105,8 +89,7 @@ Bytes record_of(const char* places, const Fields& v) {
     if (kind == 'u') r.patch_u32(at, v.u[u++]);
     if (kind == 'q') r.patch_u64(at, v.q);
     if (kind == 'r') r.patch_f64(at, v.r);
-    if (kind == 't' && v.t[t] != nullptr)
-      r.patch_chars(at, width, {v.t[t], strnlen(v.t[t], width)});
+    if (kind == 't' && v.t[t] != nullptr) r.patch_chars(at, width, {v.t[t], strnlen(v.t[t], width)});
     t += kind == 't';
   }
   return r.bytes;
@@ -115,7 +98,7 @@ Bytes record_of(const char* places, const Fields& v) {
 class ModuleInfo : public mdftest::Session {
  protected:
   // Opens a file and its first group.
-  mdf_group* open(const std::string& file, uint16_t mode, uint16_t group_mode) {
+  mdf_group* open(const std::string& file, uint16_t mode, uint16_t group_mode = MDF_OPEN_READ) {
     mdf_group* g = nullptr;
     EXPECT_EQ(mdfGrpOpen(&g, f_ = open_file(file, mode), 1, group_mode), 0);
     return g;
@@ -139,14 +122,13 @@ size_t check_extensions(const std::string& file) {
   EXPECT_EQ(mdfFileOpen(&f, file.c_str(), MDF_OPEN_READ), 0);
   const auto groups = read.channel_groups();
   for (size_t gi = 0; gi < groups.size(); ++gi) {
+    mdf_group* g = nullptr;
+    EXPECT_EQ(mdfGrpOpen(&g, f, static_cast<uint16_t>(gi + 1), MDF_OPEN_READ), 0);
     for (size_t ci = 0; ci < groups[gi]->channels.size(); ++ci) {
       const auto& ext = groups[gi]->channels[ci].extension;
-      mdf_group* g = nullptr;
       uint16_t type = 0;
       const ce_info* info = nullptr;
-      EXPECT_EQ(mdfGrpOpen(&g, f, static_cast<uint16_t>(gi + 1), MDF_OPEN_READ), 0);
       EXPECT_EQ(mdfChnGetModuleInfo(channel(g, ci + 1), &type, &info), ext ? 0 : 1009);
-      EXPECT_EQ(mdfGrpClose(g), 0);
       if (!ext || info == nullptr) continue;
       ++found;
       Bytes want = ext->record;
@@ -154,6 +136,7 @@ size_t check_extensions(const std::string& file) {
       EXPECT_EQ(std::make_tuple(type, Bytes(info->bytes, info->bytes + 128)),
                 std::make_tuple(ext->type, want));
     }
+    EXPECT_EQ(mdfGrpClose(g), 0);
   }
   EXPECT_EQ(mdfFileClose(f), 0);
   return found;
@@ -174,8 +157,7 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
     for (const auto& [type, set] : kLayouts[l].types) {
       // Values of this type; texts of odd types fill their fields (the widest is 80).
       Fields v{{uint16_t(0xA100 + type), uint16_t(0xFFFF - type), uint16_t(0x0102 * type)},
-               {0x89ABCD00u + type, 0x01234567u * type},
-               -1.25e-3 * type,
+               {0x89ABCD00u + type, 0x01234567u * type}, -1.25e-3 * type,
                0xFEDCBA9876543210ull ^ type};
       for (int i = 0; i < 2; ++i) {
         texts.push_back(type % 2 ? std::string(80, char('A' + type + i)) : "t" + std::to_string(i));
@@ -191,14 +173,12 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
   // A channel without a block: 1009 with type 65535 and no record, the outs of a typed getter
   // untouched.
   ASSERT_EQ(mdfChnCreate(&ch, g, 0, 8, MDF_DT_UINT, "none"), 0);
-  uint16_t type = 7, n = 5;
+  uint16_t type = 7, n = 5, type2 = 7;
   const ce_info* info = reinterpret_cast<const ce_info*>(&type);
-  EXPECT_EQ(mdfChnGetModuleInfo(ch, &type, &info), MDF_NO_MODULE_INFO);
-  EXPECT_EQ(std::make_tuple(type, info), std::make_tuple(65535, nullptr));
-  type = 7;
-  EXPECT_EQ(mdfChnGetModuleType(ch, &type), MDF_NO_MODULE_INFO);
-  EXPECT_EQ(mdfChnGetSmbInfo(ch, nullptr, &n, nullptr), MDF_NO_MODULE_INFO);
-  EXPECT_EQ(std::make_tuple(type, n), std::make_tuple(65535, 5));
+  EXPECT_EQ(std::make_tuple(mdfChnGetModuleInfo(ch, &type, &info), mdfChnGetModuleType(ch, &type2),
+                            mdfChnGetSmbInfo(ch, nullptr, &n, nullptr)),
+            std::make_tuple(MDF_NO_MODULE_INFO, MDF_NO_MODULE_INFO, MDF_NO_MODULE_INFO));
+  EXPECT_EQ(std::make_tuple(type, info, type2, n), std::make_tuple(65535, nullptr, 65535, 5));
   // A whole record of a type of no layout: the last 6 bytes lie beyond the block.
   ce_info given;
   std::memset(&given, 0xA5, sizeof given);
@@ -210,7 +190,7 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
 
   EXPECT_EQ(check_extensions(path("m.mdf")), 21u);
   const auto read = mdftest::read_file(path("m.mdf"));
-  g = open(path("m.mdf"), MDF_OPEN_READ, MDF_OPEN_READ);
+  g = open(path("m.mdf"), MDF_OPEN_READ);
   for (size_t i = 0; i < rows.size(); ++i) {
     const Row& row = rows[i];
     SCOPED_TRACE(row.type);
@@ -224,9 +204,7 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
       Fields got;
       const bool own = l == row.layout && row.type != MDF_CE_SSC;
       EXPECT_EQ(kLayouts[l].get(channel(g, i + 1), got), own ? 0 : MDF_NO_MODULE_INFO) << l;
-      if (own) {
-        EXPECT_EQ(record_of(kLayouts[l].places, got), row.record);
-      }
+      if (own) { EXPECT_EQ(record_of(kLayouts[l].places, got), row.record); }
     }
   }
   EXPECT_EQ(mdfGetErrorCode(), 0) << "1009 is not sticky";
@@ -237,21 +215,19 @@ TEST_F(ModuleInfo, BlocksOfOtherSizesAndOfOtherWriters) {
   auto& cg = model.add_data_group().add_channel_group(1);
   cg.add_channel("short", 0, 8, MDF_DT_UINT).extension = mdftest::extension(MDF_CE_DIM, {});
   cg.channels.back().extension->block_size = 6;
-  cg.add_channel("long", 0, 8, MDF_DT_UINT).extension =
-      mdftest::extension(MDF_CE_CANIM, Bytes(194, 'x'));
+  cg.add_channel("long", 0, 8, MDF_DT_UINT).extension = mdftest::extension(MDF_CE_CANIM, Bytes(194, 'x'));
   cg.add_channel("none", 0, 8, MDF_DT_UINT);
   EXPECT_EQ(check_extensions(write(model, "sizes.mdf")), 2u);
   // A text running to the end of a long block ends in the zeros behind it.
   const char* t = nullptr;
-  Ch ch = channel(open(path("sizes.mdf"), MDF_OPEN_READ, MDF_OPEN_READ), 2);
-  ASSERT_EQ(mdfChnGetCanInfo(ch, nullptr, nullptr, nullptr, &t, nullptr), 0);
+  ASSERT_EQ(mdfChnGetCanInfo(channel(open(path("sizes.mdf"), MDF_OPEN_READ), 2), nullptr, nullptr,
+                             nullptr, &t, nullptr), 0);
   EXPECT_EQ(std::string(t), std::string(194 - 24, 'x'));
   ASSERT_EQ(mdfFileClose(f_), 0);
-
   size_t found = 0;
-  for (const auto& entry : fs::directory_iterator(KORVEL_SAMPLES_DIR)) {
-    if (entry.path().extension() != ".mdf") continue;
-    found += check_extensions(mdftest::copy_writable(entry.path(), dir_).string());
+  for (const auto& entry : std::filesystem::directory_iterator(KORVEL_SAMPLES_DIR)) {
+    if (entry.path().extension() == ".mdf")
+      found += check_extensions(mdftest::copy_writable(entry.path(), dir_).string());
   }
   EXPECT_GT(found, 0u);
   EXPECT_EQ(mdfGetErrorCode(), 0);
@@ -260,15 +236,13 @@ TEST_F(ModuleInfo, BlocksOfOtherSizesAndOfOtherWriters) {
 TEST_F(ModuleInfo, SetInAFileOpenForModifyingReachesItWhateverTheGroupMode) {
   mdftest::FileModel model;
   auto& cg = model.add_data_group().add_channel_group(2);
-  cg.add_channel("a", 0, 8, MDF_DT_UINT).extension =
-      mdftest::extension(MDF_CE_DIM, Bytes(122, 0x11));
+  cg.add_channel("a", 0, 8, MDF_DT_UINT).extension = mdftest::extension(MDF_CE_DIM, Bytes(122, 0x11));
   cg.add_channel("b", 8, 8, MDF_DT_UINT);
   cg.add_record();
   const auto built = mdftest::build(model);
   for (const uint16_t mode : {uint16_t{MDF_OPEN_MODIFY}, uint16_t{MDF_OPEN_READ}}) {
     SCOPED_TRACE(mode);
-    const std::string file = path("mod" + std::to_string(mode) + ".mdf");
-    mdftest::write_file(file, built.bytes);
+    const std::string file = write(built, "mod" + std::to_string(mode) + ".mdf");
     mdf_group* g = open(file, MDF_OPEN_MODIFY, mode);
     ASSERT_EQ(mdfChnSetCanInfo(channel(g, 1), 3, 4, "five", "six", 7), 0);
     ASSERT_EQ(mdfChnSetQ24Info(channel(g, 2), "q", 8, 9), 0);
@@ -281,9 +255,8 @@ TEST_F(ModuleInfo, SetInAFileOpenForModifyingReachesItWhateverTheGroupMode) {
     mdftest::Image want = built;
     for (size_t i = 0; i < 2; ++i) {
       EXPECT_GE(chs[i].extension_link, built.size());
-      want.patch_u32(
-          built.data_groups[0].channel_groups[0].channels[i].offset + mdftest::off::cn_extension,
-          chs[i].extension_link);
+      want.patch_u32(built.data_groups[0].channel_groups[0].channels[i].offset + mdftest::off::cn_extension,
+                     chs[i].extension_link);
     }
     EXPECT_EQ(Bytes(read.bytes.begin(), read.bytes.begin() + built.size()), want.bytes);
     EXPECT_EQ(std::make_tuple(chs[0].extension->type, chs[0].extension->record[0],
