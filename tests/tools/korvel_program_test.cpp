@@ -225,20 +225,95 @@ TEST_F(Program, ExportQuotesTextsAndScalesRangeTables) {
             std::make_tuple(json("\xC2\xB0" "C"), json("low"), json(5.0), json(11.0)));
 }
 
-// One channel of the JSON of `info` against the library: properties, and the first, last,
-// smallest and largest physical value of its numeric records.
-void expect_channel(const json& j, mdf_group* g, channelnode* ch, uint32_t records) {
-  uint16_t type = 0, bits = 0, data_type = 0, rule = 0;
-  const char *name = nullptr, *unit = nullptr;
+// A raw value at the cursor as a description writes it, through a Read function (`read`) or a
+// Get function: an integer, a double, or a text or a byte array (as hex).
+json raw_value(channelnode* ch, uint16_t data_type, bool read) {
+  static constexpr char kKinds[] = "uirrrrrtbuirruirr";  // by data type; r for the others
+  const char kind = data_type < 17 ? kKinds[data_type] : 'r';
+  uint64_t integer = 0;
+  double real = 0;
+  if (kind == 'i' || kind == 'u') {
+    EXPECT_EQ(read ? mdfChnReadHexInt(&integer, ch) : mdfChnGetHexInt(&integer, ch, 0), 0);
+    return kind == 'i' ? json(static_cast<int64_t>(integer)) : json(integer);
+  }
+  if (kind == 'r') {
+    EXPECT_EQ(read ? mdfChnReadHex(&real, ch) : mdfChnGetHex(&real, ch, 0), 0);
+    return json(real);
+  }
+  uint8_t buffer[256] = {};
+  uint32_t length = sizeof buffer;
+  EXPECT_EQ(read ? mdfChnReadData(buffer, &length, ch) : mdfChnGetData(buffer, &length, ch, 0), 0);
+  std::string text;
+  for (uint32_t i = 0; i < length && !(kind == 't' && buffer[i] == 0); ++i) {
+    if (kind == 't') text += static_cast<char>(buffer[i]);
+    if (kind == 'b') text += {"0123456789abcdef"[buffer[i] >> 4], "0123456789abcdef"[buffer[i] & 15]};
+  }
+  return json(text);
+}
+
+// A CSV cell against a value of a description: texts exactly, integers as written, other
+// numbers as the same double.
+void expect_cell(const std::string& cell, const json& want) {
+  double got = 0;
+  std::from_chars(cell.data(), cell.data() + cell.size(), got);
+  if (want.is_string() || want.is_number_integer()) {
+    EXPECT_EQ(cell, want.is_string() ? want.get<std::string>() : want.dump());
+  } else {
+    EXPECT_EQ(got, want.get<double>()) << cell;
+  }
+}
+
+// One channel of a sample: the library against its description `d`, `info` (`j`) against the
+// library, the export's cells against the description. The first 20 records through Read
+// functions, the last 5 through Get functions after a seek; `info`'s first, last, smallest and
+// largest physical value against all records. Verbal tables give the raw value as physical
+// value; exponential and logarithmic values of the description follow other formulas.
+void check_channel(mdf_group* g, uint16_t index, uint32_t records, const json& d, const json& j,
+                   const std::vector<Row>& phys_csv, const std::vector<Row>& raw_csv) {
+  SCOPED_TRACE(d["name"].get<std::string>());
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
+  ASSERT_EQ(mdfChnOpen(&ch, g, index + 1), 0);
+  uint16_t type = 9, bits = 0, data_type = 99, rule = MDF_CC_FRM_NON;
+  const char *name = "", *unit = "";
+  uint8_t bit = 0xFF;
+  uint32_t byte = 0;
   ASSERT_EQ(mdfChnGetInfo(ch, &type, &bits, &data_type, &name, nullptr, nullptr), 0);
-  const bool has_rule = mdfChnGetForm(ch, &rule, &unit, nullptr) == 0;
-  SCOPED_TRACE(field(name, 32));
-  EXPECT_EQ(std::make_tuple(j["name"], j["kind"], j["data_type"], j["bits"], j["conversion"],
-                            j["unit"]),
-            std::make_tuple(json(field(name, 32)), json(type == MDF_CHN_TIME ? "time" : "data"),
-                            json(data_type), json(bits), has_rule ? json(rule) : json(nullptr),
-                            json(has_rule ? field(unit, 20) : "")));
-  if (data_type == MDF_DT_STRING || data_type == MDF_DT_BYTES) {
+  ASSERT_EQ(mdfChnGetBitAndByteOffset(ch, &bit, &byte), 0);
+  const int16_t form = mdfChnGetForm(ch, &rule, &unit, nullptr);
+  const json lib = {{"name", field(name, 32)}, {"kind", type == MDF_CHN_TIME ? "time" : "data"},
+                    {"data_type", data_type}, {"bits", bits},
+                    {"conversion", form == 0 ? json(rule) : json()},
+                    {"unit", form == 0 ? field(unit, 20) : ""}};
+  for (const auto& [key, value] : lib.items()) EXPECT_EQ(j[key], value) << key;
+  EXPECT_EQ(form, d["conversion_type"].is_null() ? MDF_NO_FORMULA : 0);
+  EXPECT_EQ(json::array({lib["name"], type, data_type, bits, byte * 8u + bit, lib["conversion"],
+                         lib["unit"]}),
+            json::array({d["name"], d["master"].get<bool>() ? 1 : 0, d["mdf3_data_type"],
+                         d["bit_count"], d["bit_offset"], d["conversion_type"],
+                         form == 0 ? d["unit"] : json("")}));
+  const std::string unit_text = d["unit"];
+  EXPECT_EQ(phys_csv[0][index], d["name"].get<std::string>() + (unit_text.empty() ? "" : " [" + unit_text + "]"));
+  EXPECT_EQ(raw_csv[0][index], d["name"]);
+  const bool numeric = data_type != MDF_DT_STRING && data_type != MDF_DT_BYTES;
+  const bool as_raw = rule == MDF_CC_FRM_NON || rule == MDF_CC_FRM_VTAB || rule == MDF_CC_FRM_VTABR;
+  const bool other = rule == MDF_CC_FRM_EXP || rule == MDF_CC_FRM_LOG;
+  ASSERT_EQ(std::make_tuple(d["raw_first"].size(), d["raw_last"].size(), d["phys_last"].size()),
+            std::make_tuple(20u, 5u, 5u));
+  for (uint32_t k = 0; k < 25; ++k) {
+    const uint32_t r = k < 20 ? k : records - 25 + k;
+    SCOPED_TRACE(r);
+    const json& raw = d[k < 20 ? "raw_first" : "raw_last"][k % 20];
+    const json& phys = d[k < 20 ? "phys_first" : "phys_last"][k % 20];
+    if (k >= 20) { ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(r), MDF_SEEK_ABS), 0); }
+    EXPECT_EQ(raw_value(ch, data_type, k < 20), raw);
+    double physical = -1;
+    EXPECT_EQ(mdfChnGetPhy(&physical, ch, 0), numeric ? 0 : MDF_UNSUPPORTED_TYPE);
+    if (numeric && !other) { EXPECT_EQ(json(physical), as_raw ? raw : phys); }
+    expect_cell(raw_csv[r + 1][index], raw);
+    if (!other) expect_cell(phys_csv[r + 1][index], phys);
+  }
+  if (!numeric) {
     EXPECT_TRUE(j["min"].is_null() && j["max"].is_null());
     return;
   }
@@ -247,105 +322,71 @@ void expect_channel(const json& j, mdf_group* g, channelnode* ch, uint32_t recor
     ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
     ASSERT_EQ(mdfChnGetPhy(&v[k], ch, 0), 0);
   }
-  EXPECT_EQ(j["min"], *std::min_element(v.begin(), v.end()));
-  EXPECT_EQ(j["max"], *std::max_element(v.begin(), v.end()));
-  if (!has_rule || (rule != MDF_CC_FRM_VTAB && rule != MDF_CC_FRM_VTABR)) {
+  EXPECT_EQ(std::make_pair(j["min"], j["max"]),
+            std::make_pair(json(*std::min_element(v.begin(), v.end())), json(*std::max_element(v.begin(), v.end()))));
+  if (rule != MDF_CC_FRM_VTAB && rule != MDF_CC_FRM_VTABR) {
     EXPECT_EQ(std::make_pair(j["first"], j["last"]), std::make_pair(json(v.front()), json(v.back())));
   }
 }
 
-TEST_F(Program, InfoJsonMatchesTheLibrary) {
-  ASSERT_EQ(korvel("demo run42.mdf").code, 0);
-  std::vector<std::string> files = samples();
-  std::string args = "info --json run42.mdf";
+// Every sample file written by independent tools through the library, `info --json` (all
+// files at once) and `export` with physical and with raw values, against the description
+// beside it (what an independent reader read from it). Files of other writers hold no block
+// over another block or over records: each opens for modifying.
+TEST_F(Program, SamplesThroughTheLibraryInfoAndExport) {
+  const std::vector<std::string> files = samples();
+  std::string args = "info --json";
   for (const auto& s : files) copy_sample(s), args += " " + s;
-  files.insert(files.begin(), "run42.mdf");
   const Outcome r = korvel(args);
   ASSERT_EQ(r.code, 0) << r.err;
-  const json all = json::parse(r.out);
-  ASSERT_EQ(all.size(), files.size());
+  const json infos = json::parse(r.out);
+  ASSERT_EQ(infos.size(), files.size());
   ASSERT_EQ(mdfOpen("TEST"), 0);
   for (std::size_t f = 0; f < files.size(); ++f) {
-    SCOPED_TRACE(files[f]);
-    const json& j = all[f];
+    const std::string stem = fs::path(files[f]).stem().string(), path = (dir / files[f]).string();
+    SCOPED_TRACE(stem);
+    const json& info = infos[f];
+    const json groups = json::parse(slurp(fs::path(KORVEL_SAMPLES_DIR) / (stem + ".json")))["groups"];
+    ASSERT_EQ(korvel("export " + files[f] + " -o " + stem + ".csv").code, 0);
+    ASSERT_EQ(korvel("export " + files[f] + " --raw -o " + stem + ".raw.csv").code, 0);
     mdf_file* file = nullptr;
-    ASSERT_EQ(mdfFileOpen(&file, (dir / files[f]).string().c_str(), MDF_OPEN_READ), 0);
+    ASSERT_EQ(mdfFileOpen(&file, path.c_str(), MDF_OPEN_READ), 0);
     const char *author = nullptr, *project = nullptr, *comment = nullptr;
     mdfFileGetInfo(file, nullptr, nullptr, &comment, &author, nullptr, &project, nullptr);
-    uint16_t groups = 0;
-    mdfFileGroups(&groups, file);
-    EXPECT_EQ(std::make_tuple(j["file"], j["sorted"], j["finalized"], j["header"]["author"],
-                              j["header"]["project"], j["header"]["comment"]),
+    uint16_t count = 0;
+    mdfFileGroups(&count, file);
+    EXPECT_EQ(std::make_tuple(info["file"], info["sorted"], info["finalized"], info["header"]["author"],
+                              info["header"]["project"], info["header"]["comment"]),
               std::make_tuple(json(files[f]), json(mdfFileIsSort(file) == 0), json(true),
                               json(field(author, 32)), json(field(project, 32)), json(comment)));
-    ASSERT_EQ(j["groups"].size(), groups);
-    for (uint16_t n = 1; n <= groups; ++n) {
-      const json& jg = j["groups"][n - 1];
+    ASSERT_EQ(json::array({count, info["groups"].size()}), json::array({groups.size(), groups.size()}));
+    for (uint16_t n = 1; n <= count; ++n) {
+      SCOPED_TRACE(n);
+      const json &d = groups[n - 1], &jg = info["groups"][n - 1];
       mdf_group* g = nullptr;
       ASSERT_EQ(mdfGrpOpen(&g, file, n, MDF_OPEN_READ), 0);
       uint32_t records = 0;
       uint16_t channels = 0;
-      uint8_t* data = nullptr;
       mdfGrpRecords(&records, g);
       mdfGrpChannels(&channels, g);
-      EXPECT_EQ(std::make_tuple(jg["number"], jg["records"], jg["record_size"]),
-                std::make_tuple(json(n), json(records), json(mdfGrpBuffer(&data, g) - 24)));
-      ASSERT_EQ(jg["channels"].size(), channels);
-      for (uint16_t i = 1; i <= channels; ++i) {
-        channelnode* ch = nullptr;
-        ASSERT_EQ(mdfChnOpen(&ch, g, i), 0);
-        expect_channel(jg["channels"][i - 1], g, ch, records);
-      }
+      const json size = mdfGrpBuffer(nullptr, g) - 24;
+      EXPECT_EQ(json::array({records, size, channels}),
+                json::array({d["cycles"], d["record_bytes"], d["channels"].size()}));
+      EXPECT_EQ(json::array({jg["number"], jg["records"], jg["record_size"], jg["channels"].size()}),
+                json::array({n, records, size, channels}));
+      const std::string csv = "." + std::to_string(n) + ".csv";
+      const auto phys = parse_csv(slurp(dir / (stem + csv))), raw = parse_csv(slurp(dir / (stem + ".raw" + csv)));
+      ASSERT_EQ(json::array({phys.size(), raw.size()}), json::array({records + 1u, records + 1u}));
+      for (uint16_t c = 0; c < channels; ++c)
+        check_channel(g, c, records, d["channels"][c], jg["channels"][c], phys, raw);
       mdfGrpClose(g);
     }
     mdfFileClose(file);
+    ASSERT_EQ(mdfFileOpen(&file, path.c_str(), MDF_OPEN_MODIFY), 0);
+    EXPECT_EQ(mdfFileClose(file), 0);
   }
+  EXPECT_EQ(mdfGetErrorCode(), 0);
   mdfClose();
-}
-
-// Every sample exported with physical and with raw values: the first 20 and the last 5 records
-// against its description, texts exactly, integers as written, other numbers as the same double.
-TEST_F(Program, ExportMatchesTheSampleDescriptions) {
-  const auto expect_cell = [](const std::string& cell, const json& want, const std::string& where) {
-    double got = 0;
-    std::from_chars(cell.data(), cell.data() + cell.size(), got);
-    if (want.is_string() || want.is_number_integer()) {
-      EXPECT_EQ(cell, want.is_string() ? want.get<std::string>() : want.dump()) << where;
-    } else {
-      EXPECT_EQ(got, want.get<double>()) << where << ": " << cell;
-    }
-  };
-  for (const std::string& sample : samples()) {
-    SCOPED_TRACE(sample);
-    copy_sample(sample);
-    const std::string stem = fs::path(sample).stem().string();
-    const json d = json::parse(slurp(fs::path(KORVEL_SAMPLES_DIR) / (stem + ".json")));
-    ASSERT_EQ(korvel("export " + sample + " -o " + stem + ".csv").code, 0);
-    ASSERT_EQ(korvel("export " + sample + " --raw -o " + stem + ".raw.csv").code, 0);
-    for (std::size_t g = 0; g < d["groups"].size(); ++g) {
-      const json& group = d["groups"][g];
-      const std::string number = "." + std::to_string(g + 1) + ".csv";
-      const auto phys = parse_csv(slurp(dir / (stem + number)));
-      const auto raw = parse_csv(slurp(dir / (stem + ".raw" + number)));
-      ASSERT_EQ(phys.size(), group["cycles"].get<std::size_t>() + 1);
-      ASSERT_EQ(raw.size(), phys.size());
-      for (std::size_t c = 0; c < group["channels"].size(); ++c) {
-        const json& ch = group["channels"][c];
-        const std::string name = ch["name"], unit = ch["unit"];
-        EXPECT_EQ(phys[0][c], unit.empty() ? name : name + " [" + unit + "]");
-        EXPECT_EQ(raw[0][c], name);
-        // Exponential and logarithmic values of the description follow other formulas.
-        const json& rule = ch["conversion_type"];
-        const bool physical = rule != MDF_CC_FRM_EXP && rule != MDF_CC_FRM_LOG;
-        for (std::size_t k = 0; k < 25; ++k) {
-          const std::size_t row = k < 20 ? k + 1 : phys.size() - 25 + k;
-          const std::string list = k < 20 ? "_first" : "_last", where = name + " row " + std::to_string(row);
-          expect_cell(raw[row][c], ch["raw" + list][k % 20], where);
-          if (physical) expect_cell(phys[row][c], ch["phys" + list][k % 20], where);
-        }
-      }
-    }
-  }
 }
 
 TEST_F(Program, SortsAnUnsortedSample) {
