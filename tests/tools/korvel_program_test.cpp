@@ -56,17 +56,11 @@ std::vector<Row> parse_csv(const std::string& text) {
   bool quoted = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') {
-      rows.back().back() += c, ++i;
-    } else if (c == '"') {
-      quoted = !quoted;
-    } else if (!quoted && c == ',') {
-      rows.back().emplace_back();
-    } else if (!quoted && c == '\n') {
-      rows.emplace_back(1);
-    } else {
-      rows.back().back() += c;
-    }
+    if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') rows.back().back() += text[i++];
+    else if (c == '"') quoted = !quoted;
+    else if (!quoted && c == ',') rows.back().emplace_back();
+    else if (!quoted && c == '\n') rows.emplace_back(1);
+    else rows.back().back() += c;
   }
   rows.pop_back();  // after the last line end
   return rows;
@@ -90,9 +84,8 @@ class Program : public ::testing::Test {
   fs::path dir = mdftest::scratch_dir("korvel_program");
 
   Outcome korvel(const std::string& args) {
-    const int status = std::system((kCd + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " + args +
-                                    " >stdout.txt 2>stderr.txt")
-                                       .c_str());
+    const std::string command = kCd + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " + args;
+    const int status = std::system((command + " >stdout.txt 2>stderr.txt").c_str());
     return {exit_code(status), text(slurp(dir / "stdout.txt")), text(slurp(dir / "stderr.txt"))};
   }
   // A copy of a sample, so that nothing can change the original.
@@ -223,19 +216,17 @@ TEST_F(Program, ExportChoosesQuotesAndScales) {
 json raw_value(channelnode* ch, uint16_t data_type, bool read) {
   static constexpr char kKinds[] = "uirrrrrtbuirruirr";  // by data type; r for the others
   const char kind = data_type < 17 ? kKinds[data_type] : 'r';
-  uint64_t integer = 0;
+  const bool integer = kind == 'i' || kind == 'u';
+  uint64_t n = 0;
   double real = 0;
-  if (kind == 'i' || kind == 'u') {
-    EXPECT_EQ(read ? mdfChnReadHexInt(&integer, ch) : mdfChnGetHexInt(&integer, ch, 0), 0);
-    return kind == 'i' ? json(static_cast<int64_t>(integer)) : json(integer);
-  }
-  if (kind == 'r') {
-    EXPECT_EQ(read ? mdfChnReadHex(&real, ch) : mdfChnGetHex(&real, ch, 0), 0);
-    return json(real);
-  }
   uint8_t buffer[256] = {};
   uint32_t length = sizeof buffer;
-  EXPECT_EQ(read ? mdfChnReadData(buffer, &length, ch) : mdfChnGetData(buffer, &length, ch, 0), 0);
+  EXPECT_EQ(integer       ? (read ? mdfChnReadHexInt(&n, ch) : mdfChnGetHexInt(&n, ch, 0))
+            : kind == 'r' ? (read ? mdfChnReadHex(&real, ch) : mdfChnGetHex(&real, ch, 0))
+                          : (read ? mdfChnReadData(buffer, &length, ch) : mdfChnGetData(buffer, &length, ch, 0)),
+            0);
+  if (integer) return kind == 'i' ? json(static_cast<int64_t>(n)) : json(n);
+  if (kind == 'r') return json(real);
   std::string text;
   for (uint32_t i = 0; i < length && !(kind == 't' && buffer[i] == 0); ++i) {
     if (kind == 't') text += static_cast<char>(buffer[i]);
