@@ -22,17 +22,11 @@ using Bytes = std::vector<uint8_t>;
 
 // The arguments of a typed module function, each kind taken in call order: the k-th 16-bit
 // argument is n[k], the k-th 32-bit one u[k], the k-th text t[k].
-struct Fields {
-  uint16_t n[3] = {};
-  uint32_t u[2] = {};
-  double r = 0;
-  uint64_t q = 0;
-  const char* t[2] = {};
-};
+// clang-format off
+struct Fields { uint16_t n[3] = {}; uint32_t u[2] = {}; double r = 0; uint64_t q = 0; const char* t[2] = {}; };
 using V = const Fields&;
 using Set = std::function<int16_t(Ch, V)>;
 
-// clang-format off
 template <class F> Set text(F f) { return [f](Ch c, V v) { return f(c, v.t[0]); }; }
 template <class F> Set analog(F f) { return [f](Ch c, V v) { return f(c, v.n[0], v.n[1], v.r, v.q); }; }
 template <class F> Set device(F f) { return [f](Ch c, V v) { return f(c, v.n[0], v.u[0], v.t[0], v.t[1]); }; }
@@ -41,26 +35,19 @@ template <class F> Set pair(F f) { return [f](Ch c, V v) { return f(c, v.t[0], v
 
 // Each layout as written down here: per argument in call order its record offset, its kind
 // (n 16-bit, u 32-bit, q 64-bit, r double, t text) and a text's width; its getter; its types.
-struct LayoutCase {
-  const char* places;
-  std::function<int16_t(Ch, Fields&)> get;
-  std::vector<std::pair<uint16_t, Set>> types;
-};
+struct LayoutCase { const char* places; std::function<int16_t(Ch, Fields&)> get; std::vector<std::pair<uint16_t, Set>> types; };
 const std::vector<LayoutCase> kLayouts = {
     {"0t32", [](Ch c, Fields& v) {
        const ce_info* info = nullptr;
        const int16_t st = mdfChnGetGenInfo(c, &info);
-       v.t[0] = info != nullptr ? info->text.text : nullptr;
-       return st;
-     },
+       return v.t[0] = info != nullptr ? info->text.text : nullptr, st; },
      {{MDF_CE_GEN, text(mdfChnSetGenInfo)}, {MDF_CE_QNA, text(mdfChnSetQnaInfo)},
       {MDF_CE_QNV, text(mdfChnSetQnvInfo)}}},
     {"18n 0n 10r 2q", [](Ch c, Fields& v) { return mdfChnGetAimInfo(c, &v.n[0], &v.n[1], &v.r, &v.q); },
      {{MDF_CE_AIM, analog(mdfChnSetAimInfo)}, {MDF_CE_QA1, analog(mdfChnSetQa1Info)}}},
     {"0n 2u 6t80 86t32", [](Ch c, Fields& v) { return mdfChnGetDimInfo(c, &v.n[0], &v.u[0], &v.t[0], &v.t[1]); },
-     {{MDF_CE_DIM, device(mdfChnSetDimInfo)}, {MDF_CE_ETK, device(mdfChnSetEtkInfo)},
-      {MDF_CE_DIM2, device(mdfChnSetDm2Info)}, {MDF_CE_QPSI1, device(mdfChnSetQp1Info)},
-      {MDF_CE_QPSI2, device(mdfChnSetQp2Info)}, {MDF_CE_SSC, device(mdfChnSetSscInfo)}}},
+     {{MDF_CE_DIM, device(mdfChnSetDimInfo)}, {MDF_CE_ETK, device(mdfChnSetEtkInfo)}, {MDF_CE_DIM2, device(mdfChnSetDm2Info)},
+      {MDF_CE_QPSI1, device(mdfChnSetQp1Info)}, {MDF_CE_QPSI2, device(mdfChnSetQp2Info)}, {MDF_CE_SSC, device(mdfChnSetSscInfo)}}},
     {"0n 2u 6t80 86t32 118n 120n", [](Ch c, Fields& v) {
        return mdfChnGetAcanInfo(c, &v.n[0], &v.u[0], &v.t[0], &v.t[1], &v.n[1], &v.n[2]); },
      {{MDF_CE_ACAN, [](Ch c, V v) { return mdfChnSetAcanInfo(c, v.n[0], v.u[0], v.t[0], v.t[1], v.n[1], v.n[2]); }}}},
@@ -68,9 +55,8 @@ const std::vector<LayoutCase> kLayouts = {
        return mdfChnGetCanInfo(c, &v.n[0], &v.n[1], &v.t[0], &v.t[1], &v.n[2]); },
      {{MDF_CE_CANIM, bus(mdfChnSetCanInfo)}, {MDF_CE_QCAN, bus(mdfChnSetQncInfo)}}},
     {"0t32 32n 34n", [](Ch c, Fields& v) { return mdfChnGetSmbInfo(c, &v.t[0], &v.n[0], &v.n[1]); },
-     {{MDF_CE_Q24, pair(mdfChnSetQ24Info)}, {MDF_CE_LA1, pair(mdfChnSetLa1Info)},
-      {MDF_CE_LA2, pair(mdfChnSetLa2Info)}, {MDF_CE_THS, pair(mdfChnSetThsInfo)},
-      {MDF_CE_ADS, pair(mdfChnSetAdsInfo)}}},
+     {{MDF_CE_Q24, pair(mdfChnSetQ24Info)}, {MDF_CE_LA1, pair(mdfChnSetLa1Info)}, {MDF_CE_LA2, pair(mdfChnSetLa2Info)},
+      {MDF_CE_THS, pair(mdfChnSetThsInfo)}, {MDF_CE_ADS, pair(mdfChnSetAdsInfo)}}},
     {"0u 4u 8t36 44t36", [](Ch c, Fields& v) { return mdfChnGetQcnInfo(c, &v.u[0], &v.u[1], &v.t[0], &v.t[1]); },
      {{MDF_CE_QCN, [](Ch c, V v) { return mdfChnSetQcnInfo(c, v.u[0], v.u[1], v.t[0], v.t[1]); }}}},
 };
