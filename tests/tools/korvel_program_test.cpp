@@ -96,8 +96,9 @@ class Program : public ::testing::Test {
   }
 };
 
-// Exit codes and messages, and refusals to replace a file: what was refused is left as it was.
-TEST_F(Program, ExitCodesMessagesAndRefusals) {
+// Exit codes, messages and outputs, and refusals to replace a file: what was refused is left
+// as it was.
+TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   std::ofstream(dir / "run42.mdf") << "a recording";
   const Outcome demo = korvel("demo --force run42.mdf");
   ASSERT_EQ(demo.code, 0) << demo.err;
@@ -113,6 +114,23 @@ TEST_F(Program, ExitCodesMessagesAndRefusals) {
   hollow.add_data_group().add_channel_group(0).add_channel("x", 0, 8, 0);
   hollow.data_groups[0].channel_groups[0].record_count = 4000000000u;
   mdftest::write_file(dir / "hollow.mdf", mdftest::build(hollow).bytes);
+  // Texts that need quoting, a range table whose default text is a scaling annotation, and a
+  // Latin-1 unit.
+  mdftest::FileModel made;
+  auto& cg = made.add_data_group().add_channel_group(10);
+  cg.add_channel("time", 0, 16, 0, 1).conversion = mdftest::linear(0, 0.5, "s");
+  cg.add_channel("mode", 16, 8, 0).conversion = mdftest::range_table(
+      {{0, 0, "{LINEAR_CONV \"2*{X}+1\"}"}, {1, 2, "low"}, {3, 3, "say \"hi\""}}, "\xB0" "C");
+  cg.add_channel("note", 24, 48, 7);
+  const std::string notes[] = {"a,b", "plain", "x\"y"};
+  for (uint8_t i = 0; i < 4; ++i) {
+    auto& rec = cg.add_record();
+    mdftest::put_bits(rec, 0, 16, i);
+    mdftest::put_bits(rec, 16, 8, i + 2u);
+    const std::string& note = notes[i % 3];
+    mdftest::put_raw(rec, 3, std::span(reinterpret_cast<const uint8_t*>(note.data()), note.size()));
+  }
+  mdftest::write_file(dir / "made.mdf", mdftest::build(made).bytes);
   const struct {
     const char* args;
     int code;
@@ -142,6 +160,11 @@ TEST_F(Program, ExitCodesMessagesAndRefusals) {
       {"export run42.mdf -o out.csv", 0, ""},
       {"export run42.mdf -o out.csv", 1, "korvel: out.1.csv: exists (--force replaces it)\n"},
       {"export run42.mdf -o out.csv --force", 0, ""},
+      // Raw values of the time in milliseconds, a time range; all groups on standard output.
+      {"export run42.mdf --raw --from 0.9975 --to 0.9995", 0, "time,sine,counter,temperature,state\n"
+       "998,-126,230,88.70761108398438,3\n999,-63,231,88.7127685546875,3\n\ntime,battery,flags,speed\n"},
+      {"export made.mdf", 0, "time [s],mode [\xB0" "C],note\n0,low,\"a,b\"\n0.5,\"say \"\"hi\"\"\",plain\n"
+       "1,9,\"x\"\"y\"\n1.5,11,\"a,b\"\n"},
       // clang-format on
   };
   for (const auto& c : cases) {
@@ -157,49 +180,15 @@ TEST_F(Program, ExitCodesMessagesAndRefusals) {
   std::vector<std::string> files;
   for (const auto& e : fs::directory_iterator(dir)) files.push_back(e.path().filename().string());
   std::sort(files.begin(), files.end());
-  EXPECT_EQ(files, (Row{"bad.mdf", "hollow.mdf", "out.1.csv", "out.2.csv", "run42.mdf", "stderr.txt",
-                        "stdout.txt", "unfinished.mdf"}));
-}
-
-TEST_F(Program, ExportChoosesQuotesAndScales) {
-  ASSERT_EQ(korvel("demo run42.mdf").code, 0);
-  Outcome r = korvel(
-      "export run42.mdf --group 2 --channel battery --channel "
-      "vehicle_speed_from_wheel_sensors --from 1 --to 2");
-  ASSERT_EQ(r.code, 0) << r.err;
-  const auto rows = parse_csv(r.out);
+  EXPECT_EQ(files, (Row{"bad.mdf", "hollow.mdf", "made.mdf", "out.1.csv", "out.2.csv", "run42.mdf",
+                        "stderr.txt", "stdout.txt", "unfinished.mdf"}));
+  // A group, channels and a time range chosen.
+  const auto rows = parse_csv(korvel("export run42.mdf --group 2 --channel battery --channel "
+                                     "vehicle_speed_from_wheel_sensors --from 1 --to 2").out);
   ASSERT_EQ(rows.size(), 12u);  // 1.0, 1.1, ... 2.0 s
   EXPECT_EQ((std::vector{rows[0], rows[1], rows[11]}),
             (std::vector<Row>{{"time [s]", "battery [V]", "speed [km/h]"}, {"1", "12.56", "20"}, {"2", "12.52", "40"}}));
-  // Raw values of the time in milliseconds, the same time range; all groups on standard output.
-  r = korvel("export run42.mdf --raw --from 0.9975 --to 0.9995");
-  EXPECT_EQ(r.out,
-            "time,sine,counter,temperature,state\n998,-126,230,88.70761108398438,3\n"
-            "999,-63,231,88.7127685546875,3\n\ntime,battery,flags,speed\n");
-  // A file made by the test-side builder: texts that need quoting, a range table whose default
-  // text is a scaling annotation, and a Latin-1 unit.
-  mdftest::FileModel f;
-  auto& cg = f.add_data_group().add_channel_group(10);
-  cg.add_channel("time", 0, 16, 0, 1).conversion = mdftest::linear(0, 0.5, "s");
-  cg.add_channel("mode", 16, 8, 0).conversion = mdftest::range_table(
-      {{0, 0, "{LINEAR_CONV \"2*{X}+1\"}"}, {1, 2, "low"}, {3, 3, "say \"hi\""}}, "\xB0" "C");
-  cg.add_channel("note", 24, 48, 7);
-  const std::string notes[] = {"a,b", "plain", "x\"y"};
-  for (uint8_t i = 0; i < 4; ++i) {
-    auto& rec = cg.add_record();
-    mdftest::put_bits(rec, 0, 16, i);
-    mdftest::put_bits(rec, 16, 8, i + 2u);
-    const std::string& note = notes[i % 3];
-    mdftest::put_raw(rec, 3, std::span(reinterpret_cast<const uint8_t*>(note.data()), note.size()));
-  }
-  mdftest::write_file(dir / "made.mdf", mdftest::build(f).bytes);
-  r = korvel("export made.mdf");
-  ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(r.out, "time [s],mode [\xB0" "C],note\n0,low,\"a,b\"\n0.5,\"say \"\"hi\"\"\",plain\n"
-                   "1,9,\"x\"\"y\"\n1.5,11,\"a,b\"\n");
-  r = korvel("info --json made.mdf");
-  ASSERT_EQ(r.code, 0) << r.err;
-  const json mode = json::parse(r.out)[0]["groups"][0]["channels"][1];
+  const json mode = json::parse(korvel("info --json made.mdf").out)[0]["groups"][0]["channels"][1];
   EXPECT_EQ(std::make_tuple(mode["unit"], mode["first"], mode["min"], mode["max"]),
             std::make_tuple(json("\xC2\xB0" "C"), json("low"), json(5.0), json(11.0)));
 }
