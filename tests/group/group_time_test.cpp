@@ -28,11 +28,7 @@ class GroupTime : public mdftest::Session {
     EXPECT_EQ(mdfGrpOpen(&g, open_file(file(), mode), 1, mode), 0);
     return g;
   }
-  static uint32_t tell(mdf_group* g) {
-    uint32_t at = 99;
-    mdfGrpTell(&at, g);
-    return at;
-  }
+  static uint32_t tell(mdf_group* g) { uint32_t at = 99; return mdfGrpTell(&at, g), at; }
   // A time search from record `start`: its status and the record it reaches.
   static std::pair<int, uint32_t> seek(mdf_group* g, double start, double time, double mode) {
     EXPECT_EQ(mdfGrpSeek(g, static_cast<int32_t>(static_cast<uint32_t>(start)), MDF_SEEK_ABS), 0);

@@ -27,10 +27,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using Row = std::vector<std::string>;
 
-struct Outcome {
-  int code;
-  std::string out, err;
-};
+struct Outcome { int code; std::string out, err; };
 
 std::string slurp(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -72,9 +69,8 @@ std::vector<std::string> samples() {
   return std::sort(names.begin(), names.end()), names;
 }
 
-std::string field(const char* text, std::size_t width) {
-  return std::string(text, std::find(text, text + width, '\0'));
-}
+// A text field of a fixed width, up to its first zero byte.
+std::string field(const char* text, std::size_t width) { return {text, std::find(text, text + width, '\0')}; }
 
 class Program : public ::testing::Test {
  protected:
@@ -131,11 +127,8 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
     mdftest::put_raw(rec, 3, std::span(reinterpret_cast<const uint8_t*>(note.data()), note.size()));
   }
   mdftest::write_file(dir / "made.mdf", mdftest::build(made).bytes);
-  const struct {
-    const char* args;
-    int code;
-    const char* text;  // on standard output when the code is 0, else on standard error
-  } cases[] = {
+  // The text is looked for on standard output when the code is 0, else on standard error.
+  const struct { const char* args; int code; const char* text; } cases[] = {
       // clang-format off
       {"--help", 0, "Subcommands:"}, {"-h", 0, "Usage: korvel"},
       {"help export", 0, "run.1.csv"}, {"info --help", 0, "--no-scan"},
