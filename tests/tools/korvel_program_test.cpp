@@ -1,6 +1,8 @@
 // The korvel program run as a user runs it, in a scratch directory: exit codes and messages,
-// refusal to replace files, `info --json` against what the C interface reports, and `export`
-// against the descriptions of the sample files.
+// refusal to replace files, the sort of an unsorted sample and Ctrl-C during a sort. The
+// sample files of independent writers are read here through the C interface against the
+// description beside each (what an independent reader read from it), and `info --json` and
+// `export` are compared with the C interface and with the descriptions in the same walk.
 #include <gtest/gtest.h>
 
 #include <charconv>
