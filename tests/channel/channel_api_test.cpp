@@ -913,7 +913,8 @@ TEST_F(ChannelApi, RefusedModesAreRaised) {
     ASSERT_EQ(mdfFileOpen(&f, file.c_str(), MDF_OPEN_READ), 0);
     EXPECT_EQ(call(), MDF_ERR_OPEN_MODE);
     EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_OPEN_MODE) << "raised";
-    EXPECT_EQ(std::make_pair(out, out_group), std::make_pair(Ch{nullptr}, static_cast<mdf_group*>(nullptr)));
+    EXPECT_EQ(std::make_pair(out, out_group),
+              std::make_pair(Ch{nullptr}, static_cast<mdf_group*>(nullptr)));
   }
   // A stored sticky error is returned at once, before any handle check, and still lets a
   // handle close.
@@ -963,7 +964,8 @@ TEST_F(ChannelApi, RaisedAndReturnedStatuses) {
   const std::tuple<const char*, std::function<int16_t()>, int16_t, bool> cases[] = {
       {"index beyond the end", [&] { return mdfChnOpen(&c, g, 99); }, kNoChannel, true},
       {"no time channel", [&] { return mdfChnOpenTime(&c, g); }, MDF_TIME_CHN_NOT_FOUND, true},
-      {"no such name", [&] { return mdfChnOpenName(&c, g, "none"); }, MDF_CHN_NAME_NOT_FOUND, false},
+      {"no such name", [&] { return mdfChnOpenName(&c, g, "none"); }, MDF_CHN_NAME_NOT_FOUND,
+       false},
       {"past the last record", [&] { return mdfChnGetHex(&d, u16, 10); }, kEnd, false},
       {"40 bits as a double", [&] { return mdfChnGetHex(&d, u40, 0); }, kUnsupported, false},
       {"4 bits as bytes", [&] { return mdfChnGetData(bytes, &length, nibble, 0); },

@@ -56,8 +56,9 @@ TEST_F(FormApi, Getters) {
   const uint16_t* count = nullptr;
   const void* points = nullptr;
   ASSERT_EQ(mdfChnGetFormTab(channel(3), &type, &unit, &count, &points), 0);
-  EXPECT_EQ(std::make_tuple(type, std::string(unit), *count, real_at(points, 4), real_at(points, 5)),
-            std::make_tuple(MDF_CC_FRM_ITAB, "bar", uint16_t{3}, 2.0, 40.0));
+  EXPECT_EQ(
+      std::make_tuple(type, std::string(unit), *count, real_at(points, 4), real_at(points, 5)),
+      std::make_tuple(MDF_CC_FRM_ITAB, "bar", uint16_t{3}, 2.0, 40.0));
   // Entry 1 of a verbal table starts 40 bytes in.
   ASSERT_EQ(mdfChnGetFormVTab(channel(4), &type, &unit, &count, &points), 0);
   EXPECT_EQ(std::make_tuple(type, *count, real_at(points, 5),

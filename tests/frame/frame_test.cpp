@@ -13,7 +13,6 @@
 
 namespace {
 
-
 class Frame : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -75,9 +74,16 @@ TEST_F(Frame, RaisedLinesReachTheLog) {
 
 TEST_F(Frame, BuiltInTexts) {
   const std::pair<int16_t, const char*> cases[] = {
-      {0, ""}, {7, "group not found"}, {1001, "group not found"}, {4, "channel not found"},
-      {1002, "channel not found"}, {1007, "tirgger not known"}, {-1004, "illegal group open mode"},
-      {-2014, "file exceeds maximum size for MDF files"}, {10, nullptr}, {-1, nullptr},
+      {0, ""},
+      {7, "group not found"},
+      {1001, "group not found"},
+      {4, "channel not found"},
+      {1002, "channel not found"},
+      {1007, "tirgger not known"},
+      {-1004, "illegal group open mode"},
+      {-2014, "file exceeds maximum size for MDF files"},
+      {10, nullptr},
+      {-1, nullptr},
       {999, nullptr}};
   for (const auto& [code, text] : cases) {
     SCOPED_TRACE(code);
@@ -87,9 +93,9 @@ TEST_F(Frame, BuiltInTexts) {
 }
 
 TEST_F(Frame, ProgramIdentifierIsAFixedWidthBoundedCopy) {
-  const std::pair<const char*, std::string> cases[] = {
-      {nullptr, std::string("KORVEL\0\0", 8)}, {"ABCDEFGHIJ", "ABCDEFGH"},
-      {"XY", std::string("XY\0\0\0\0\0\0", 8)}};
+  const std::pair<const char*, std::string> cases[] = {{nullptr, std::string("KORVEL\0\0", 8)},
+                                                       {"ABCDEFGHIJ", "ABCDEFGH"},
+                                                       {"XY", std::string("XY\0\0\0\0\0\0", 8)}};
   for (const auto& [given, expected] : cases) {
     mdfClose();
     ASSERT_EQ(mdfOpen(given), 0);

@@ -16,7 +16,6 @@
 
 namespace {
 
-
 constexpr uint16_t kRecord = 24;  // record data bytes of the table's channel group
 constexpr uint32_t kRecords = 37;
 
@@ -29,14 +28,25 @@ struct Layout {
 std::vector<Layout> layouts() {
   std::vector<Layout> out;
   for (int code : {0, 1, 9, 10, 13, 14}) {
-    for (auto [first, bits] : {std::pair{0, 8}, {8, 16}, {16, 32}, {64, 64}, {3, 1}, {5, 12},
-                               {13, 24}, {7, 32}, {11, 40}, {2, 63}, {130, 64}}) {
-      out.push_back({static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
+    for (auto [first, bits] : {std::pair{0, 8},
+                               {8, 16},
+                               {16, 32},
+                               {64, 64},
+                               {3, 1},
+                               {5, 12},
+                               {13, 24},
+                               {7, 32},
+                               {11, 40},
+                               {2, 63},
+                               {130, 64}}) {
+      out.push_back(
+          {static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
     }
   }
   for (int code : {2, 3, 11, 12, 15, 16}) {
     for (auto [first, bits] : {std::pair{0, 32}, {64, 32}, {64, 64}, {3, 32}, {0, 16}}) {
-      out.push_back({static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
+      out.push_back(
+          {static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
     }
   }
   out.insert(out.end(), {{4, 32, 32}, {5, 0, 64}, {7, 128, 64}, {8, 64, 40}, {8, 4, 16}});
@@ -182,8 +192,8 @@ TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGrou
     bool second_group;  // an interleaved channel group of other records (unsorted)
   };
   for (const Case& c : {Case{"sorted", 0, false}, Case{"sorted with ids", 1, false},
-                        Case{"sorted with two ids", 2, false},
-                        Case{"unsorted, one id", 1, true}, Case{"unsorted, two ids", 2, true}}) {
+                        Case{"sorted with two ids", 2, false}, Case{"unsorted, one id", 1, true},
+                        Case{"unsorted, two ids", 2, true}}) {
     SCOPED_TRACE(c.name);
     std::mt19937 random(7);
     mdftest::FileModel f;
@@ -231,9 +241,9 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
       int16_t status;
       uint32_t done;
     };
-    for (const Edge& e : {Edge{0, 0, 0, 0}, Edge{0, 10, 0, 10}, Edge{3, 4, 0, 4},
-                          Edge{9, 1, 0, 1}, Edge{8, 5, 1, 2}, Edge{10, 1, 1, 0},
-                          Edge{10, 0, 0, 0}, Edge{0xFFFFFFFFu, 3, 1, 0}}) {
+    for (const Edge& e :
+         {Edge{0, 0, 0, 0}, Edge{0, 10, 0, 10}, Edge{3, 4, 0, 4}, Edge{9, 1, 0, 1},
+          Edge{8, 5, 1, 2}, Edge{10, 1, 1, 0}, Edge{10, 0, 0, 0}, Edge{0xFFFFFFFFu, 3, 1, 0}}) {
       SCOPED_TRACE(std::to_string(ids) + ": " + std::to_string(e.first) + "+" +
                    std::to_string(e.count));
       std::vector<double> v(e.count + 1, -7.0);

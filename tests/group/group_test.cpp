@@ -185,9 +185,10 @@ TEST_F(GroupApi, CreatedGroupIsGroupOneAndCountsItsAppendedRecords) {
   EXPECT_EQ(std::make_tuple(r.header.dg_count, cg.record_count, cg.record_id, newest.record_ids),
             std::make_tuple(2, 2u, 1, 1));
   EXPECT_EQ(Bytes(r.bytes.begin() + data, r.bytes.begin() + data + 3), Bytes(3, 1));
-  EXPECT_EQ(std::make_tuple(cg.offset, newest.offset, r.bytes.size(), r.header.first_dg_link,
-                            newest.next_link),
-            std::make_tuple(data + 3, data + 29, data + 57u, newest.offset, r.data_groups[1].offset));
+  EXPECT_EQ(
+      std::make_tuple(cg.offset, newest.offset, r.bytes.size(), r.header.first_dg_link,
+                      newest.next_link),
+      std::make_tuple(data + 3, data + 29, data + 57u, newest.offset, r.data_groups[1].offset));
 }
 
 TEST_F(GroupApi, RewritingARecordChangesExactlyItsBytes) {

@@ -54,8 +54,8 @@ using Model = std::function<void(FileModel&)>;
 using Damage = std::function<void(mdftest::Built&)>;
 struct Case {
   const char* name;
-  Model change;    // on the model
-  Damage damage;   // on the built bytes
+  Model change;   // on the model
+  Damage damage;  // on the built bytes
   uint32_t flags;
   int16_t status;
   std::vector<uint32_t> counts;  // records per target channel group; empty: no target
@@ -67,7 +67,8 @@ Model count(size_t c, uint32_t n) {
   return [=](FileModel& f) { f.data_groups[0].channel_groups[c].record_count = n; };
 }
 Model time_of(size_t c, size_t k, double t) {
-  return [=](FileModel& f) { mdftest::put_f64(f.data_groups[0].channel_groups[c].records[k], 0, t); };
+  return
+      [=](FileModel& f) { mdftest::put_f64(f.data_groups[0].channel_groups[c].records[k], 0, t); };
 }
 Model version(uint16_t v, bool sorted) {
   return [=](FileModel& f) {
@@ -250,7 +251,8 @@ TEST_F(Sort, LinkedBlocksFollow) {
   EXPECT_EQ(std::make_tuple(dep->links[1].dg, dep->links[1].cg, dep->links[1].cn), at(3, 0));
   const auto& cc = r.data_groups[1].channel_groups[0].channels[1].conversion;
   ASSERT_TRUE(cc.has_value());
-  EXPECT_EQ(std::make_tuple(cc->type, cc->ranges.at(0).text, cc->ranges.at(1).text, cc->ranges.at(2).text),
+  EXPECT_EQ(std::make_tuple(cc->type, cc->ranges.at(0).text, cc->ranges.at(1).text,
+                            cc->ranges.at(2).text),
             std::make_tuple(12, "low", "high", std::nullopt));
   for (int i = 0; i < 3; ++i) {
     ASSERT_TRUE(r.data_groups[i].trigger.has_value());
@@ -276,7 +278,8 @@ TEST_F(Sort, FloatTypeRepairChangesTheSource) {
 // Sorting in place goes through a temporary file that replaces the source.
 TEST_F(Sort, InPlace) {
   const std::string s = path("in.mdf"), other_name = (dir_ / "." / "in.mdf").string();
-  for (const char* target : {s.c_str(), other_name.c_str(), "", static_cast<const char*>(nullptr)}) {
+  for (const char* target :
+       {s.c_str(), other_name.c_str(), "", static_cast<const char*>(nullptr)}) {
     source();
     const auto cwd_before = files_in(".");
     ASSERT_EQ(mdfSort(s.c_str(), target), 0);
@@ -299,7 +302,9 @@ TEST_F(Sort, RefusedFilesAndTargets) {
 
 // The clock of the progress protocol, moved by the tests.
 uint32_t g_now = 0, g_step = 0;
-uint32_t tick() { return g_now += g_step; }
+uint32_t tick() {
+  return g_now += g_step;
+}
 
 struct Watch {
   std::vector<int> percents;

@@ -55,10 +55,12 @@ TEST_F(FileApi, CreateAndCloseWritesIdentificationAndHeader) {
   const auto r = mdftest::read_bytes(bytes);
   ASSERT_TRUE(r.ok()) << r.error_text();
   const auto& h = r.header;
-  EXPECT_EQ(std::make_tuple(h.offset, h.block_size, h.author, h.timer_id, h.first_dg_link, h.dg_count),
-            std::make_tuple(64u, 208, "KORVEL", "Local PC Reference Time", 0u, 0));
-  EXPECT_EQ(std::make_tuple(h.date.size(), h.date[2], h.date[5], h.time.size(), h.timestamp_ns != 0),
-            std::make_tuple(10u, ':', ':', 8u, true));
+  EXPECT_EQ(
+      std::make_tuple(h.offset, h.block_size, h.author, h.timer_id, h.first_dg_link, h.dg_count),
+      std::make_tuple(64u, 208, "KORVEL", "Local PC Reference Time", 0u, 0));
+  EXPECT_EQ(
+      std::make_tuple(h.date.size(), h.date[2], h.date[5], h.time.size(), h.timestamp_ns != 0),
+      std::make_tuple(10u, ':', ':', 8u, true));
 }
 
 TEST_F(FileApi, HeaderFieldsSurviveCloseAndReopen) {
@@ -76,9 +78,10 @@ TEST_F(FileApi, HeaderFieldsSurviveCloseAndReopen) {
   ASSERT_EQ(mdfFileGetInfo(file, &date, &time, &text, &name, &division, &project, &subject), 0);
   using S = std::string;
   // A full project field has no terminator.
-  EXPECT_EQ(std::make_tuple(S(date), S(time), S(text), S(name), S(division), S(project, 32), S(subject)),
-            std::make_tuple("24:12:2025", "18:30:00", "a comment", "Ann", "Test bench", S(32, 'p'),
-                            "Car 7"));
+  EXPECT_EQ(
+      std::make_tuple(S(date), S(time), S(text), S(name), S(division), S(project, 32), S(subject)),
+      std::make_tuple("24:12:2025", "18:30:00", "a comment", "Ann", "Test bench", S(32, 'p'),
+                      "Car 7"));
   ASSERT_EQ(mdfFileClose(file), 0);
   // An explicit date replaces the stamp; the comment is appended behind the header at close.
   const auto r = mdftest::read_file(path("h.mdf"));

@@ -227,7 +227,9 @@ TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
                                         : static_cast<int64_t>(rng() % (disk.size() + 1000));
       const bool relative = rng() % 2 == 0;
       ASSERT_EQ(io::seek(n[k], relative ? target - pos : target,
-                         relative ? io::kFromCurrent : io::kFromStart), 0) << step;
+                         relative ? io::kFromCurrent : io::kFromStart),
+                0)
+          << step;
       pos = target;
       known[k] = std::max(known[k], pos);
     } else if (what < 96) {  // to the end: the size as known, whatever the offset says

@@ -20,7 +20,9 @@ uint64_t load_le(const uint8_t* p, size_t n) {
   return v;
 }
 
-std::string at_text(uint64_t v) { return " at " + std::to_string(v); }
+std::string at_text(uint64_t v) {
+  return " at " + std::to_string(v);
+}
 
 std::string chars_of(std::span<const uint8_t> b) {
   return std::string(b.begin(), std::find(b.begin(), b.end(), uint8_t{0}));
@@ -31,10 +33,12 @@ const Field<ReadHeader> header_links[] = {{off::hd_first_dg, &ReadHeader::first_
                                           {off::hd_comment, &ReadHeader::comment_link},
                                           {off::hd_program, &ReadHeader::program_link},
                                           {off::hd_dg_count, &ReadHeader::dg_count}};
-const Field<ReadDataGroup> data_group_fields[] = {
-    {off::dg_next, &ReadDataGroup::next_link},   {off::dg_first_cg, &ReadDataGroup::first_cg_link},
-    {off::dg_trigger, &ReadDataGroup::trigger_link}, {off::dg_data, &ReadDataGroup::data_link},
-    {off::dg_cg_count, &ReadDataGroup::cg_count}, {off::dg_record_ids, &ReadDataGroup::record_ids}};
+const Field<ReadDataGroup> data_group_fields[] = {{off::dg_next, &ReadDataGroup::next_link},
+                                                  {off::dg_first_cg, &ReadDataGroup::first_cg_link},
+                                                  {off::dg_trigger, &ReadDataGroup::trigger_link},
+                                                  {off::dg_data, &ReadDataGroup::data_link},
+                                                  {off::dg_cg_count, &ReadDataGroup::cg_count},
+                                                  {off::dg_record_ids, &ReadDataGroup::record_ids}};
 const Field<ReadChannelGroup> channel_group_fields[] = {
     {off::cg_next, &ReadChannelGroup::next_link},
     {off::cg_first_cn, &ReadChannelGroup::first_cn_link},
@@ -76,7 +80,8 @@ struct Blk {
   // Reads the fields listed in `table` into `s`, with the block's offset and size.
   template <class S, size_t N, class Out>
   void all(const Field<S> (&table)[N], Out& s) const {
-    if constexpr (requires { s.block_size; }) std::tie(s.offset, s.block_size) = std::pair(at, size());
+    if constexpr (requires { s.block_size; })
+      std::tie(s.offset, s.block_size) = std::pair(at, size());
     for (const Field<S>& f : table)
       std::visit(
           [&](auto m) {
@@ -153,7 +158,8 @@ class Reader {
   void walk_chain(uint32_t link, const char* id, Visit&& visit) {
     std::set<uint32_t> seen;
     while (link != 0) {
-      if (!seen.insert(link).second) return error(std::string(id) + " chain: cycle" + at_text(link));
+      if (!seen.insert(link).second)
+        return error(std::string(id) + " chain: cycle" + at_text(link));
       const auto b = block(link, id);
       if (!b) return;
       link = visit(*b);
@@ -203,10 +209,12 @@ class Reader {
     c.comment = text(c.comment_link);
     c.long_name = text(c.long_name_link);
     c.display_name = text(c.display_name_link);
-    if (const auto cc = block(c.conversion_link, "CC")) read_conversion(*cc, c.conversion.emplace());
+    if (const auto cc = block(c.conversion_link, "CC"))
+      read_conversion(*cc, c.conversion.emplace());
     if (const auto ce = block(c.extension_link, "CE")) {
       ReadExtension& e = c.extension.emplace();
-      std::tie(e.offset, e.block_size, e.type) = std::tuple(ce->at, ce->size(), ce->u16(off::ce_type));
+      std::tie(e.offset, e.block_size, e.type) =
+          std::tuple(ce->at, ce->size(), ce->u16(off::ce_type));
       const auto rec = ce->from(off::ce_record);
       e.record.assign(rec.begin(), rec.end());
     }
@@ -272,8 +280,8 @@ class Reader {
     if (ids == 0) {
       // Records of each channel group one after the other, in channel-group order.
       for (auto& g : dg.channel_groups) {
-        for (uint32_t k = 0; g.record_size != 0 && k < g.record_count &&
-                             pos + g.record_size <= data.size();
+        for (uint32_t k = 0;
+             g.record_size != 0 && k < g.record_count && pos + g.record_size <= data.size();
              ++k, pos += g.record_size)
           take(g, pos);
       }

@@ -68,8 +68,8 @@ struct ReadDependency {
 };
 
 struct ReadChannel : ChannelFields {
-  uint32_t offset = 0, next_link = 0, conversion_link = 0, extension_link = 0,
-           dependency_link = 0, comment_link = 0;
+  uint32_t offset = 0, next_link = 0, conversion_link = 0, extension_link = 0, dependency_link = 0,
+           comment_link = 0;
   uint32_t long_name_link = 0;     // 0 if the block is shorter than 222
   uint32_t display_name_link = 0;  // 0 if the block is shorter than 228
   uint16_t block_size = 0;

@@ -35,7 +35,9 @@ inline std::string slurp(const std::filesystem::path& path, bool text = false) {
   std::ifstream in(path, text ? std::ios::in : std::ios::in | std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-inline std::string log_text() { return slurp("KORVEL.LOG", true); }
+inline std::string log_text() {
+  return slurp("KORVEL.LOG", true);
+}
 
 // Copies a file (a shared sample, which may be read-only) into `dir` as a writable file, so
 // that the test may change it and the scratch directory can be removed on every system.
