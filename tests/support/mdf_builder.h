@@ -133,11 +133,21 @@ ConversionPtr params(uint16_t type, std::vector<double> p, std::string unit = {}
 inline ConversionPtr linear(double offset, double factor, std::string unit = {}) {
   return params(cc::linear, {offset, factor}, std::move(unit));
 }
-inline ConversionPtr identity(std::string unit = {}) { return params(cc::identity, {}, unit); }
-inline ConversionPtr polynomial(std::vector<double> p, std::string u = {}) { return params(6, p, u); }
-inline ConversionPtr exponential(std::vector<double> p, std::string u = {}) { return params(7, p, u); }
-inline ConversionPtr logarithmic(std::vector<double> p, std::string u = {}) { return params(8, p, u); }
-inline ConversionPtr rational(std::vector<double> p, std::string u = {}) { return params(9, p, u); }
+inline ConversionPtr identity(std::string unit = {}) {
+  return params(cc::identity, {}, unit);
+}
+inline ConversionPtr polynomial(std::vector<double> p, std::string u = {}) {
+  return params(6, p, u);
+}
+inline ConversionPtr exponential(std::vector<double> p, std::string u = {}) {
+  return params(7, p, u);
+}
+inline ConversionPtr logarithmic(std::vector<double> p, std::string u = {}) {
+  return params(8, p, u);
+}
+inline ConversionPtr rational(std::vector<double> p, std::string u = {}) {
+  return params(9, p, u);
+}
 ConversionPtr table(bool interpolate, std::vector<std::pair<double, double>> points,
                     std::string unit = {});  // type 1 if interpolate, else 2
 ConversionPtr formula(std::string text, std::string unit = {});
@@ -207,13 +217,11 @@ struct DataGroup {
   uint16_t record_ids = 0;  // 0, 1 or 2
   std::deque<ChannelGroup> channel_groups;
   std::optional<Trigger> trigger;
-  // The data section: raw_data as it is when set, else made from the channel groups' records:
-  // without record ids the records of
+  // The data section, made from the channel groups' records: without record ids the records of
   // every channel group one after the other, in channel-group order; with record ids the
   // records are interleaved in `order` (a list of channel-group indices, one per record; empty:
   // round robin, one record of each channel group in turn while any is left), each led by the
   // low byte of the channel group's record id and, with two record ids, followed by it again.
-  std::optional<std::vector<uint8_t>> raw_data;
   std::vector<size_t> order;
   std::optional<uint32_t> data_link;  // default: offset of the data section, 0 if it is empty
 
@@ -239,13 +247,12 @@ struct FileModel {
   DataGroup& add_data_group(uint16_t record_ids = 0);
 };
 
-
 // ---------------------------------------------------------------------------------------------
 // Build result: the image plus the offset of every block (0 where none was written).
 
 struct BuiltChannel {
-  uint32_t offset = 0, comment = 0, long_name = 0, display_name = 0, conversion = 0,
-           extension = 0, dependency = 0;
+  uint32_t offset = 0, comment = 0, long_name = 0, display_name = 0, conversion = 0, extension = 0,
+           dependency = 0;
 };
 
 struct BuiltChannelGroup {
