@@ -323,27 +323,27 @@ MdfSortParams watched(Watch& w, const std::string& s, const std::string& d) {
 TEST_F(Sort, ProgressIsThrottledAndAbortLeavesNothingBehind) {
   korvel::sort::set_tick_source(&tick);
   const auto bytes = mdftest::build(base()).bytes;
-  const std::string d = path("out.mdf");
+  const std::string s = source(), d = path("out.mdf");
   g_step = 0;
   Watch quiet;
   quiet.abort_at = 1;
-  MdfSortParams p = watched(quiet, source(), d);
+  MdfSortParams p = watched(quiet, s, d);
   EXPECT_EQ(mdfSortWithProgress(&p), 0);
   EXPECT_EQ(std::make_pair(quiet.starts, quiet.percents.empty()), std::make_pair(1, true));
   restart();
+  g_step = 501;
   Watch w;
-  p = watched(w, source(), d);
+  p = watched(w, s, d);
   ASSERT_EQ(mdfSortWithProgress(&p), 0);
   EXPECT_TRUE(std::is_sorted(w.percents.begin(), w.percents.end()));
   EXPECT_EQ(std::adjacent_find(w.percents.begin(), w.percents.end()), w.percents.end());
   EXPECT_EQ(std::make_pair(w.percents.front(), w.percents.back()), std::make_pair(1, 100));
   EXPECT_NE(std::find(w.percents.begin(), w.percents.end(), 20), w.percents.end());
-  g_step = 501;
   for (const std::string& target : {d, std::string()}) {
     for (int at : {1, 3, 5, 8}) {
       restart();
       fs::remove(d);
-      const std::string s = source();
+      source();
       Watch stopped;
       stopped.abort_at = at;
       p = watched(stopped, s, target);
