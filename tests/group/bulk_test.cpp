@@ -1,11 +1,11 @@
 // Array reads against the per-value functions: a table of layouts (data types, bit positions,
 // byte orders) times conversion rules, in sorted and unsorted data groups, the range edges,
-// damaged data sections.
+// damaged data sections; the several-channel functions on every group of every sample.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -26,30 +26,15 @@ struct Layout {
 // Integer codes at aligned and odd positions (spans of 1 to 8 bytes), floats, VAX, strings,
 // byte arrays, and layouts the decoders refuse.
 std::vector<Layout> layouts() {
-  std::vector<Layout> out;
-  for (int code : {0, 1, 9, 10, 13, 14}) {
-    for (auto [first, bits] : {std::pair{0, 8},
-                               {8, 16},
-                               {16, 32},
-                               {64, 64},
-                               {3, 1},
-                               {5, 12},
-                               {13, 24},
-                               {7, 32},
-                               {11, 40},
-                               {2, 63},
-                               {130, 64}}) {
-      out.push_back(
-          {static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
-    }
-  }
-  for (int code : {2, 3, 11, 12, 15, 16}) {
-    for (auto [first, bits] : {std::pair{0, 32}, {64, 32}, {64, 64}, {3, 32}, {0, 16}}) {
-      out.push_back(
-          {static_cast<uint16_t>(code), static_cast<uint16_t>(first), static_cast<uint16_t>(bits)});
-    }
-  }
-  out.insert(out.end(), {{4, 32, 32}, {5, 0, 64}, {7, 128, 64}, {8, 64, 40}, {8, 4, 16}});
+  const uint16_t int_codes[] = {0, 1, 9, 10, 13, 14}, float_codes[] = {2, 3, 11, 12, 15, 16};
+  const uint16_t ints[][2] = {{0, 8},   {8, 16}, {16, 32}, {64, 64}, {3, 1},   {5, 12},
+                              {13, 24}, {7, 32}, {11, 40}, {2, 63},  {130, 64}};
+  const uint16_t floats[][2] = {{0, 32}, {64, 32}, {64, 64}, {3, 32}, {0, 16}};
+  std::vector<Layout> out = {{4, 32, 32}, {5, 0, 64}, {7, 128, 64}, {8, 64, 40}, {8, 4, 16}};
+  for (uint16_t code : int_codes)
+    for (const auto& [first, bits] : ints) out.push_back({code, first, bits});
+  for (uint16_t code : float_codes)
+    for (const auto& [first, bits] : floats) out.push_back({code, first, bits});
   return out;
 }
 
@@ -98,15 +83,6 @@ class BulkRead : public mdftest::Session {
   }
 };
 
-template <class T>
-uint64_t bits_of(T v) {
-  if constexpr (sizeof(T) == 8) {
-    return std::bit_cast<uint64_t>(v);
-  } else {
-    return v;
-  }
-}
-
 // Every record read both ways for one kind of value: the same statuses and the same bits.
 template <class T, class Handle, class Single, class Array>
 void compare(mdf_group* g, Handle* ch, uint32_t records, Single single, Array array) {
@@ -132,9 +108,8 @@ void compare(mdf_group* g, Handle* ch, uint32_t records, Single single, Array ar
   }
   EXPECT_EQ(st, expected_status == 0 ? MDF_END_OF_GROUP : expected_status);
   ASSERT_EQ(done, records);
-  for (uint32_t r = 0; r < records; ++r) {
-    ASSERT_EQ(bits_of(got[r]), bits_of(expected[r])) << "record " << r;
-  }
+  for (uint32_t r = 0; r < records; ++r)
+    ASSERT_EQ(std::memcmp(&got[r], &expected[r], sizeof(T)), 0) << "record " << r;
 }
 
 void compare_channel(mdf_group* g, channelnode* ch, uint32_t records) {
@@ -308,6 +283,86 @@ TEST_F(BulkRead, DamagedRecordsEndTheReadWhereThePerValueReadFails) {
     EXPECT_EQ(done, readable);
     for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * i);
   }
+}
+
+// The functions that serve several channels in one call against the one-channel functions,
+// and the one-channel array reads against the per-value reads, over every group of every
+// sample file (sorted and unsorted), with the range's edges.
+TEST_F(BulkRead, SeveralChannelsAtOnceAsTheOneChannelFunctionsOnEverySample) {
+  int groups_seen = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(KORVEL_SAMPLES_DIR)) {
+    if (entry.path().extension() != ".mdf") continue;
+    restart();
+    mdf_file* f = open_file(entry.path().string());
+    uint16_t group_count = 0;
+    ASSERT_EQ(mdfFileGroups(&group_count, f), 0);
+    for (uint16_t gi = 1; gi <= group_count; ++gi, ++groups_seen) {
+      SCOPED_TRACE(entry.path().filename().string() + " group " + std::to_string(gi));
+      mdf_group* g = mdftest::open_group(f, gi);
+      uint16_t n = 0;
+      uint32_t records = 0;
+      ASSERT_EQ(mdfGrpChannels(&n, g), 0);
+      ASSERT_EQ(mdfGrpRecords(&records, g), 0);
+      std::vector<channelnode*> many(n + 1u, nullptr);
+      // One past the last channel: 1002, the missing slot NULL, the others open.
+      EXPECT_EQ(mdfGrpOpenChannels(many.data(), g, 1, static_cast<uint16_t>(n + 1)),
+                MDF_CHANNEL_NOT_FOUND);
+      EXPECT_EQ(many[n], nullptr);
+      std::vector<uint16_t> info(3u * n);  // types, bits, value types
+      std::vector<char> names(33u * n, 'x');
+      ASSERT_EQ(
+          mdfChnGetInfoArrays(info.data(), &info[n], &info[2u * n], names.data(), many.data(), n),
+          0);
+      std::vector<channelnode*> numeric;
+      for (uint16_t c = 0; c < n; ++c) {
+        uint16_t t = 0, b = 0, v = 0;
+        const char* name = nullptr;
+        ASSERT_EQ(
+            mdfChnGetInfo(mdftest::open_channel(g, c + 1u), &t, &b, &v, &name, nullptr, nullptr),
+            0);
+        EXPECT_EQ(std::make_tuple(info[c], info[n + c], info[2u * n + c]),
+                  std::make_tuple(t, b, v));
+        EXPECT_STREQ(&names[33u * c], name);
+        EXPECT_EQ(names[33u * c + 32], '\0');
+        if (v != MDF_DT_STRING && v != MDF_DT_BYTES) numeric.push_back(many[c]);
+      }
+      // Whole group, the last record with one beyond, and a start past the end.
+      const uint32_t ranges[][2] = {{0, records}, {records > 0 ? records - 1 : 0, 2}, {records, 3}};
+      for (const auto& [first, count] : ranges) {
+        const auto k = static_cast<uint16_t>(numeric.size());
+        std::vector<double> rows(std::size_t{k} * count, -1.0), expect(count, -1.0);
+        uint32_t done = 99;
+        const int16_t st = mdfChnReadPhyArrays(rows.data(), &done, numeric.data(), k, first, count);
+        int16_t want_status = 0;
+        uint32_t want_done = 0;
+        for (uint16_t c = 0; c < k; ++c) {
+          const int16_t s = mdfChnReadPhyArray(expect.data(), &want_done, numeric[c], first, count);
+          if (want_status == 0 || (want_status == 1 && s != 0)) want_status = s;
+          EXPECT_EQ(std::memcmp(&rows[std::size_t{c} * count], expect.data(), want_done * 8), 0)
+              << "channel " << c << " from " << first;
+          // The one-channel array read against the per-value read, record by record.
+          for (uint32_t r = 0; r < want_done; ++r) {
+            double single = 0;
+            ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(first + r), MDF_SEEK_ABS), 0);
+            ASSERT_EQ(mdfChnGetPhy(&single, numeric[c], 0), 0);
+            EXPECT_EQ(std::memcmp(&single, &expect[r], 8), 0) << c << " record " << first + r;
+          }
+        }
+        EXPECT_EQ(st, want_status) << first;
+        if (k > 0) {
+          EXPECT_EQ(done, want_done) << first;
+        }
+      }
+    }
+    // Channels of two groups in one read: refused.
+    if (group_count >= 2) {
+      channelnode* mixed[2] = {mdftest::open_channel(mdftest::open_group(f, 1), 1),
+                               mdftest::open_channel(mdftest::open_group(f, 2), 1)};
+      double out[2] = {};
+      EXPECT_EQ(mdfChnReadPhyArrays(out, nullptr, mixed, 2, 0, 1), MDF_ERR_FATAL);
+    }
+  }
+  EXPECT_GE(groups_seen, 4);
 }
 
 }  // namespace

@@ -49,63 +49,51 @@ mdftest::FileModel interleaved(uint16_t ids) {
   return f;
 }
 
-TEST_F(GroupApi, InterleavedRecordsReadInOrderAndBySeeks) {
-  for (uint16_t ids : {uint16_t{1}, uint16_t{2}}) {
+// Records in order by relative seeks; a seek to the current record reads it again from the
+// file in an unsorted group only; seeks beyond the ends leave the cursor.
+TEST_F(GroupApi, RecordsInOrderRereadsAndSeeksBeyondTheEnds) {
+  for (uint16_t ids : {uint16_t{0}, uint16_t{1}, uint16_t{2}}) {
     SCOPED_TRACE(ids);
+    restart();
     const auto f = interleaved(ids);
+    const auto& cgs = f.data_groups[0].channel_groups;
     mdf_file* file = open_file(write(f));
-    EXPECT_EQ(mdfFileIsSort(file), MDF_NOT_SORTED);
     uint32_t channels = 0;
     EXPECT_EQ(mdfFileChannels(&channels, file), 0);
-    EXPECT_EQ(channels, 3u);
-    for (uint16_t c = 0; c < 3; ++c) {
-      const auto& records = f.data_groups[0].channel_groups[c].records;
+    EXPECT_EQ(std::make_pair(mdfFileIsSort(file), channels),
+              std::make_pair(int16_t(ids == 0 ? 0 : MDF_NOT_SORTED), uint32_t(cgs.size())));
+    for (uint16_t c = 0; c < cgs.size(); ++c) {
       mdf_group* g = open_group(file, c + 1);
       uint32_t count = 0;
       EXPECT_EQ(mdfGrpRecords(&count, g), 0);
-      ASSERT_EQ(count, records.size());
+      ASSERT_EQ(count, cgs[c].records.size());
       for (uint32_t k = 0; k < count; ++k) {
         ASSERT_EQ(mdfGrpSeek(g, k == 0 ? 0 : 1, k == 0 ? MDF_SEEK_ABS : MDF_SEEK_REL), 0);
-        EXPECT_EQ(current(g), records[k]) << "record " << k;
+        EXPECT_EQ(current(g), cgs[c].records[k]) << "record " << k;
       }
       EXPECT_EQ(mdfGrpSeek(g, 1, MDF_SEEK_REL), MDF_END_OF_GROUP);
-      // Absolute seeks, backwards and forwards.
-      for (uint32_t k : {count - 1, 0u, count / 2, 1u, count - 1}) {
-        ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
-        uint32_t at = 99;
-        EXPECT_EQ(mdfGrpTell(&at, g), 0);
-        EXPECT_EQ(std::make_pair(at, current(g)), std::make_pair(k, records[k]));
-      }
     }
-    EXPECT_EQ(mdfFileClose(file), 0);
-  }
-}
-
-TEST_F(GroupApi, SeeksBeyondTheEndsLeaveTheCursorAndTheCurrentRecordIsRereadIfUnsorted) {
-  mdf_group* g = open_group(open_file(write(interleaved(1))), 1);
-  ASSERT_EQ(mdfGrpSeek(g, 2, MDF_SEEK_ABS), 0);
-  const std::tuple<int32_t, uint16_t, int16_t> cases[] = {
-      {-3, MDF_SEEK_REL, 1}, {-100, MDF_SEEK_REL, 1}, {3, MDF_SEEK_REL, 1},
-      {5, MDF_SEEK_ABS, 1},  {-1, MDF_SEEK_ABS, 1},   {0, 7, MDF_ERR_SEEK_MODE}};
-  for (const auto& [position, mode, status] : cases) {
-    EXPECT_EQ(mdfGrpSeek(g, position, mode), status) << position;
-    uint32_t at = 0;
-    mdfGrpTell(&at, g);
-    EXPECT_TRUE(status == MDF_ERR_SEEK_MODE || at == 2u) << position;
-  }
-  // A seek to the current record reads it again from the file in an unsorted group only.
-  for (uint16_t ids : {uint16_t{0}, uint16_t{1}}) {
-    restart();
-    g = open_group(open_file(write(interleaved(ids))), 1);
-    ASSERT_EQ(mdfGrpSeek(g, 1, MDF_SEEK_ABS), 0);
+    mdf_group* g = open_group(file, 1);
+    ASSERT_EQ(mdfGrpSeek(g, 2, MDF_SEEK_ABS), 0);
     uint8_t* data = nullptr;
     mdfGrpBuffer(&data, g);
     data[0] ^= 0xFF;  // a change in memory only
     ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_REL), 0);
-    EXPECT_EQ(data[0], ids == 1 ? record_bytes(0, 1, 4)[0] : record_bytes(0, 1, 4)[0] ^ 0xFF);
+    EXPECT_EQ(data[0], record_bytes(0, 2, 4)[0] ^ (ids == 0 ? 0xFF : 0));
+    const std::tuple<int32_t, uint16_t, int16_t> cases[] = {
+        {-3, MDF_SEEK_REL, 1}, {-100, MDF_SEEK_REL, 1}, {3, MDF_SEEK_REL, 1},
+        {5, MDF_SEEK_ABS, 1},  {-1, MDF_SEEK_ABS, 1},   {0, 7, MDF_ERR_SEEK_MODE}};
+    for (const auto& [position, mode, status] : cases) {
+      EXPECT_EQ(mdfGrpSeek(g, position, mode), status) << position;
+      uint32_t at = 0;
+      mdfGrpTell(&at, g);
+      EXPECT_TRUE(status == MDF_ERR_SEEK_MODE || at == 2u) << position;
+    }
   }
 }
 
+// Group numbers that do not exist are logged, not sticky; the refusals are negative and so
+// sticky: every case starts afresh.
 TEST_F(GroupApi, Refusals) {
   const auto in = write(interleaved(1));
   mdf_file* file = open_file(in);
@@ -113,21 +101,31 @@ TEST_F(GroupApi, Refusals) {
   EXPECT_EQ(mdfGrpOpen(&g, file, 4, 0), MDF_GROUP_NOT_FOUND);
   EXPECT_EQ(g, nullptr);
   EXPECT_EQ(mdfGrpOpen(&g, file, 0, 0), MDF_GROUP_NOT_FOUND);
-  EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: logged, not sticky
+  EXPECT_EQ(mdfGetErrorCode(), 0);
   EXPECT_NE(mdftest::log_text().find("[KORVEL-ERROR] group not found (n=0)\n"), std::string::npos);
-  // Each refusal is negative and so sticky: every case starts afresh.
-  const std::pair<const char*, std::function<int16_t(mdf_file*)>> cases[] = {
-      {"modify on a read file", [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 1); }},
-      {"mode 3", [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 3); }},
-      {"write in mode 0", [&](mdf_file* f) { return mdfGrpWrite(open_group(f, 1)); }},
-      {"append in mode 0", [&](mdf_file* f) { return mdfGrpWriteAppend(open_group(f, 1)); }},
-      {"delete in a read file", [&](mdf_file* f) { return mdfGrpDelete(f, 1); }},
+  const auto create = [&](mdf_file* f) { return open_group(f, 1, MDF_OPEN_CREATE); };
+  const std::tuple<const char*, uint16_t, std::function<int16_t(mdf_file*)>, int16_t> cases[] = {
+      {"modify on a read file", 0, [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 1); },
+       MDF_ERR_OPEN_MODE},
+      {"mode 3", 0, [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 3); }, MDF_ERR_OPEN_MODE},
+      {"write in mode 0", 0, [&](mdf_file* f) { return mdfGrpWrite(open_group(f, 1)); },
+       MDF_ERR_OPEN_MODE},
+      {"append in mode 0", 0, [&](mdf_file* f) { return mdfGrpWriteAppend(open_group(f, 1)); },
+       MDF_ERR_OPEN_MODE},
+      {"delete in a read file", 0, [&](mdf_file* f) { return mdfGrpDelete(f, 1); },
+       MDF_ERR_OPEN_MODE},
+      {"two created groups at once", MDF_OPEN_CREATE,
+       [&](mdf_file* f) {
+         EXPECT_EQ(mdfGrpWriteAppend(create(f)), 0);
+         return mdfGrpOpen(&g, f, 1, MDF_OPEN_CREATE);
+       },
+       MDF_ERR_TWO_CREATES},
   };
-  for (const auto& [what, call] : cases) {
+  for (const auto& [what, mode, call, status] : cases) {
     SCOPED_TRACE(what);
     restart();
-    EXPECT_EQ(call(open_file(in)), MDF_ERR_OPEN_MODE);
-    EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_OPEN_MODE);
+    EXPECT_EQ(call(open_file(mode == 0 ? in : path("new.mdf"), mode)), status);
+    EXPECT_EQ(mdfGetErrorCode(), status);
   }
 }
 
@@ -148,47 +146,6 @@ TEST_F(GroupApi, GroupsOfAFileInOrderOfOpening) {
   EXPECT_EQ(mdfFileClose(file), 0);  // closes a and c
   EXPECT_EQ(mdfGrpGetFirst(&it, other), 0);
   EXPECT_EQ(it, b);
-}
-
-TEST_F(GroupApi, CreatedGroupIsGroupOneAndCountsItsAppendedRecords) {
-  const auto p = path("new.mdf");
-  mdf_file* file = open_file(p, MDF_OPEN_CREATE);
-  mdf_group* first = open_group(file, 1, MDF_OPEN_CREATE);
-  for (int i = 0; i < 2; ++i) ASSERT_EQ(mdfGrpWriteAppend(first), 0);
-  mdf_group* second = nullptr;
-  EXPECT_EQ(mdfGrpOpen(&second, file, 1, MDF_OPEN_CREATE), MDF_ERR_TWO_CREATES);
-  restart();
-  file = open_file(p, MDF_OPEN_CREATE);
-  first = open_group(file, 1, MDF_OPEN_CREATE);
-  ASSERT_EQ(mdfGrpWriteAppend(first), 0);
-  ASSERT_EQ(mdfGrpClose(first), 0);
-  mdf_group* g = open_group(file, 7, MDF_OPEN_CREATE);
-  for (int i = 0; i < 3; ++i) ASSERT_EQ(mdfGrpWriteAppend(g), 0);
-  uint32_t count = 0, earlier_count = 9;
-  uint16_t groups = 0;
-  EXPECT_EQ(mdfGrpRecords(&count, g), 0);
-  EXPECT_EQ(mdfFileGroups(&groups, file), 0);
-  // The group created first has moved up to number 2; one appended record is written as 0.
-  EXPECT_EQ(mdfGrpRecords(&earlier_count, open_group(file, 2)), 0);
-  EXPECT_EQ(std::make_tuple(count, groups, earlier_count), std::make_tuple(3u, uint16_t{2}, 0u));
-  ASSERT_EQ(mdfFileClose(file), 0);
-
-  const auto r = mdftest::read_file(p);
-  ASSERT_TRUE(r.ok()) << r.error_text();
-  ASSERT_EQ(r.data_groups.size(), 2u);
-  const auto& newest = r.data_groups[0];
-  ASSERT_EQ(newest.channel_groups.size(), 1u);
-  const auto& cg = newest.channel_groups[0];
-  // Three appended, written as 2; the records (identifier byte 1 each) lie before the blocks
-  // that describe them, and the close wrote CG, DG and then rewrote the header in place.
-  const uint32_t data = newest.data_link;
-  EXPECT_EQ(std::make_tuple(r.header.dg_count, cg.record_count, cg.record_id, newest.record_ids),
-            std::make_tuple(2, 2u, 1, 1));
-  EXPECT_EQ(Bytes(r.bytes.begin() + data, r.bytes.begin() + data + 3), Bytes(3, 1));
-  EXPECT_EQ(
-      std::make_tuple(cg.offset, newest.offset, r.bytes.size(), r.header.first_dg_link,
-                      newest.next_link),
-      std::make_tuple(data + 3, data + 29, data + 57u, newest.offset, r.data_groups[1].offset));
 }
 
 TEST_F(GroupApi, RewritingARecordChangesExactlyItsBytes) {
@@ -270,11 +227,12 @@ TEST_F(GroupApi, DamagedDataSections) {
   }
 }
 
-// Closing a created group appends, from the last channel to the first, each channel's
-// conversion, comment, display name and long name and then the channel; then the channel
-// group and the data group, and rewrites the header in place.
-TEST_F(GroupApi, CloseWritesTheBlocksOfACreatedGroupInOrder) {
-  const auto p = path("order.mdf");
+// Closing a created group writes its record count (one less than appended) and appends, from
+// the last channel to the first, each channel's conversion, comment, display name and long name
+// and then the channel; then the channel group and the data group, and rewrites the header in
+// place. A group created later becomes group 1.
+TEST_F(GroupApi, CreatedGroupsAndWhatTheirCloseWrites) {
+  const auto p = path("new.mdf");
   mdf_file* file = open_file(p, MDF_OPEN_CREATE);
   mdf_group* g = open_group(file, 1, MDF_OPEN_CREATE);
   channelnode* chs[2] = {};
@@ -286,19 +244,30 @@ TEST_F(GroupApi, CloseWritesTheBlocksOfACreatedGroupInOrder) {
   }
   ASSERT_EQ(mdfChnSetHexInt(chs[0], 7), 0);
   ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+  ASSERT_EQ(mdfGrpClose(g), 0);
+  g = open_group(file, 7, MDF_OPEN_CREATE);
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+  uint32_t count = 0, earlier_count = 9;
+  uint16_t groups = 0;
+  EXPECT_EQ(mdfGrpRecords(&count, g), 0);
+  EXPECT_EQ(mdfFileGroups(&groups, file), 0);
+  EXPECT_EQ(mdfGrpRecords(&earlier_count, open_group(file, 2)), 0);
+  EXPECT_EQ(std::make_tuple(count, groups, earlier_count), std::make_tuple(3u, uint16_t{2}, 0u));
   ASSERT_EQ(mdfFileClose(file), 0);
 
   const auto r = mdftest::read_file(p);
   ASSERT_TRUE(r.ok()) << r.error_text();
-  const auto& dg = r.data_groups.at(0);
+  ASSERT_EQ(r.data_groups.size(), 2u);
+  const auto& dg = r.data_groups[1];
   const auto& cg = dg.channel_groups.at(0);
-  ASSERT_EQ(cg.channels.size(), 2u);
+  const auto& cn = cg.channels;
+  ASSERT_EQ(cn.size(), 2u);
   // Blocks in the order they were appended, behind the one record (identifier + 4 bytes).
   std::vector<uint32_t> order;
   for (int i = 1; i >= 0; --i) {
-    const auto& cn = cg.channels[static_cast<size_t>(i)];
-    order.insert(order.end(), {cn.conversion_link, cn.comment_link, cn.display_name_link,
-                               cn.long_name_link, cn.offset});
+    const auto& c = cn[static_cast<size_t>(i)];
+    order.insert(order.end(), {c.conversion_link, c.comment_link, c.display_name_link,
+                               c.long_name_link, c.offset});
   }
   order.insert(order.end(), {cg.offset, dg.offset});
   uint32_t expected = dg.data_link + 1 + 4;
@@ -306,14 +275,23 @@ TEST_F(GroupApi, CloseWritesTheBlocksOfACreatedGroupInOrder) {
     ASSERT_EQ(at, expected);
     expected += r.blocks.at(at).size;
   }
-  const auto& cn = cg.channels;
-  EXPECT_EQ(std::make_tuple(r.bytes.size(), r.header.first_dg_link, cn[0].name, cn[0].next_link),
-            std::make_tuple(expected, dg.offset, "first", cn[1].offset));
-  EXPECT_EQ(std::make_tuple(cn[1].comment, cn[1].long_name, cn[1].display_name),
-            std::make_tuple("comment 2", "long name", "shown"));
+  EXPECT_EQ(std::make_tuple(cn[0].name, cn[0].next_link, cn[1].comment, cn[1].long_name,
+                            cn[1].display_name),
+            std::make_tuple("first", cn[1].offset, "comment 2", "long name", "shown"));
   EXPECT_EQ(std::make_tuple(cn[0].conversion->params.at(1), cg.record_size, cg.cn_count,
                             cg.record_count, r.bytes[dg.data_link], r.bytes[dg.data_link + 1]),
             std::make_tuple(2.0, 4, 2, 0u, 1, 7));
+  // The later group: three appended, written as 2, their identifier bytes behind the first
+  // group's blocks and before the later group's own.
+  const auto& newest = r.data_groups[0];
+  const auto& cg2 = newest.channel_groups.at(0);
+  const uint32_t data = newest.data_link;
+  EXPECT_EQ(std::make_tuple(r.header.dg_count, cg2.record_count, cg2.record_id, newest.record_ids),
+            std::make_tuple(2, 2u, 1, 1));
+  EXPECT_EQ(Bytes(r.bytes.begin() + data, r.bytes.begin() + data + 3), Bytes(3, 1));
+  EXPECT_EQ(std::make_tuple(data, cg2.offset, newest.offset, r.bytes.size(), r.header.first_dg_link,
+                            newest.next_link),
+            std::make_tuple(expected, data + 3, data + 29, data + 57u, newest.offset, dg.offset));
 }
 
 // Writing stays within the records, and closing never leaves a channel behind.

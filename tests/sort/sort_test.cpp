@@ -58,7 +58,8 @@ struct Case {
   Damage damage;  // on the built bytes
   uint32_t flags;
   int16_t status;
-  std::vector<uint32_t> counts;  // records per target channel group; empty: no target
+  std::vector<uint32_t> counts;           // records per target channel group; empty: no target
+  uint32_t size = sizeof(MdfSortParams);  // of the parameter record: flags only if it holds them
 };
 
 const std::vector<uint32_t> kAll = {4, 4, 2, 3};
@@ -103,6 +104,8 @@ const Case kCases[] = {
      MDF_ERR_FORMAT, {}},
     {"surplus_without_recount", count(0, 3), nullptr, 0, MDF_CYCLES_DECREASED, {3, 3, 2, 3}},
     {"surplus_with_recount", count(0, 3), nullptr, MDF_SORT_RECOUNT, MDF_CYCLES_INCREASED, kAll},
+    {"recount_in_short_parameters", count(0, 3), nullptr, MDF_SORT_RECOUNT, MDF_CYCLES_DECREASED,
+     {3, 3, 2, 3}, 52},
     {"fewer_than_declared", count(1, 6), nullptr, 0, MDF_CYCLES_DECREASED, kAll},
     {"fewer_than_declared_shrink", count(1, 6), nullptr, MDF_SORT_SHRINK, MDF_CYCLES_DECREASED, kAll},
     {"time_backwards_checked", time_of(1, 2, 5.0), nullptr, MDF_SORT_CHECK_TIME, MDF_BAD_TIME_STAMP, {}},
@@ -187,7 +190,7 @@ TEST_P(Sort, StatusAndTarget) {
   auto built = mdftest::build(f);
   if (c.damage) c.damage(built);
   const std::string src = write(built), dst = path("out.mdf");
-  MdfSortParams p = params(src, dst, c.flags);
+  MdfSortParams p = params(src, dst, c.flags, c.size);
   EXPECT_EQ(mdfSortWithProgress(&p), c.status);
   EXPECT_EQ(mdftest::load_file(src), built.bytes) << "the source is never changed";
   EXPECT_EQ(fs::exists(dst), !c.counts.empty());
@@ -198,9 +201,8 @@ TEST_P(Sort, StatusAndTarget) {
 INSTANTIATE_TEST_SUITE_P(Cases, Sort, ::testing::ValuesIn(kCases),
                          [](const auto& test) { return std::string(test.param.name); });
 
-// Shrinking closes the gap that an over-declared channel group leaves and cuts the file. The
-// flags word is read only from a parameter record long enough to hold it.
-TEST_F(Sort, ShrinkCutsTheTargetAndShortParametersHaveNoFlags) {
+// Shrinking closes the gap that an over-declared channel group leaves and cuts the file.
+TEST_F(Sort, ShrinkCutsTheTarget) {
   FileModel f = base();
   f.data_groups[0].channel_groups[1].record_count = 6;
   const std::string s = source(f);
@@ -215,14 +217,6 @@ TEST_F(Sort, ShrinkCutsTheTargetAndShortParametersHaveNoFlags) {
     EXPECT_EQ(r.data_groups[2].data_link - r.data_groups[1].data_link, (flags != 0 ? 4u : 6u) * 12);
   }
   EXPECT_EQ(sizes[0] - sizes[1], 2u * 12);
-  FileModel surplus = base();
-  surplus.data_groups[0].channel_groups[0].record_count = 3;
-  const std::string over = write(surplus, "surplus.mdf");
-  for (uint32_t size : {52u, 56u}) {
-    const std::string d = path("short.mdf");
-    MdfSortParams p = params(over, d, MDF_SORT_RECOUNT, size);
-    EXPECT_EQ(mdfSortWithProgress(&p), size < 56 ? MDF_CYCLES_DECREASED : MDF_CYCLES_INCREASED);
-  }
 }
 
 // Blocks the target copies with their links: dependencies, verbal range texts, triggers.
@@ -324,46 +318,41 @@ MdfSortParams watched(Watch& w, const std::string& s, const std::string& d) {
   return p;
 }
 
-// Reports come at most every 500 ms, only with a rising percent, and end with 100.
-TEST_F(Sort, ProgressIsThrottled) {
+// Reports come at most every 500 ms, only with a rising percent, and end with 100. An abort at
+// any point leaves the source as it was and no target behind; with no report due nobody asks.
+TEST_F(Sort, ProgressIsThrottledAndAbortLeavesNothingBehind) {
   korvel::sort::set_tick_source(&tick);
+  const auto bytes = mdftest::build(base()).bytes;
   const std::string s = source(), d = path("out.mdf");
-  for (uint32_t step : {0u, 501u}) {
-    restart();
-    g_step = step;
-    Watch w;
-    w.abort_at = 1;  // the first question stops the run; with no report due nobody asks
-    MdfSortParams p = watched(w, s, d);
-    EXPECT_EQ(mdfSortWithProgress(&p), step == 0 ? 0 : MDF_ERR_USER_ABORT);
-    EXPECT_EQ(w.starts, 1);
-    EXPECT_EQ(w.percents, (step == 0 ? std::vector<int>{} : std::vector<int>{1, 100}));
-  }
+  g_step = 0;
+  Watch quiet;
+  quiet.abort_at = 1;
+  MdfSortParams p = watched(quiet, s, d);
+  EXPECT_EQ(mdfSortWithProgress(&p), 0);
+  EXPECT_EQ(std::make_pair(quiet.starts, quiet.percents.empty()), std::make_pair(1, true));
   restart();
+  g_step = 501;
   Watch w;
-  MdfSortParams p = watched(w, s, d);
+  p = watched(w, s, d);
   ASSERT_EQ(mdfSortWithProgress(&p), 0);
   EXPECT_TRUE(std::is_sorted(w.percents.begin(), w.percents.end()));
   EXPECT_EQ(std::adjacent_find(w.percents.begin(), w.percents.end()), w.percents.end());
   EXPECT_EQ(std::make_pair(w.percents.front(), w.percents.back()), std::make_pair(1, 100));
   EXPECT_NE(std::find(w.percents.begin(), w.percents.end(), 20), w.percents.end());
-}
-
-// An abort at any point leaves the source as it was and no target behind.
-TEST_F(Sort, AbortLeavesNothingBehind) {
-  korvel::sort::set_tick_source(&tick);
-  g_step = 501;
-  const auto bytes = mdftest::build(base()).bytes;
-  for (const std::string& d : {path("out.mdf"), std::string()}) {
+  for (const std::string& target : {d, std::string()}) {
     for (int at : {1, 3, 5, 8}) {
       restart();
-      const std::string s = write(base());
-      Watch w;
-      w.abort_at = at;
-      MdfSortParams p = watched(w, s, d);
+      fs::remove(d);
+      source();
+      Watch stopped;
+      stopped.abort_at = at;
+      p = watched(stopped, s, target);
       EXPECT_EQ(mdfSortWithProgress(&p), MDF_ERR_USER_ABORT) << at;
       EXPECT_EQ(mdftest::load_file(s), bytes);
       EXPECT_EQ(files_in(dir_), 1u);
-      EXPECT_EQ(w.percents.back(), 100);
+      EXPECT_EQ(stopped.starts, 1);
+      EXPECT_EQ(stopped.percents.front(), 1);
+      EXPECT_EQ(stopped.percents.back(), 100);
     }
   }
 }
