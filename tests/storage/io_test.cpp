@@ -41,11 +41,6 @@ class Io : public mdftest::Session, public ::testing::WithParamInterface<uint16_
     for (uint16_t n : open_) io::close(n);
     Session::TearDown();
   }
-  // Writes the bytes to a file of the scratch directory and returns its full name.
-  std::string put(const std::string& name, const Bytes& bytes) const {
-    mdftest::write_file(path(name), bytes);
-    return path(name);
-  }
   // Opens and remembers the number so that TearDown closes it.
   uint16_t open(const std::string& name, uint16_t flags, uint16_t buffer = 8192) {
     uint16_t n = 0;
@@ -86,7 +81,7 @@ TEST_P(Io, OpenCreateAndChangesOfSizeUnderTheReadAhead) {
   // Logged with the file name, but positive: not sticky.
   EXPECT_EQ(mdfGetErrorCode(), 0);
   EXPECT_NE(mdftest::slurp("KORVEL.LOG").find("could not open file " + missing), std::string::npos);
-  const std::string name = put("f.bin", pattern(1234, 1));
+  const std::string name = write(mdftest::Image{pattern(1234, 1)});
   const uint16_t n = open(name, flags(io::kCreate));
   EXPECT_EQ(io::known_size(n), 0);
   EXPECT_EQ(fs::file_size(name), 0u);
@@ -112,7 +107,7 @@ TEST_P(Io, OpenCreateAndChangesOfSizeUnderTheReadAhead) {
 // Failed operations on a file opened for reading; the file is never changed.
 TEST_P(Io, FailuresRaiseTheirStatusAndMoveThePosition) {
   const Bytes data = pattern(300000, 14);
-  const std::string name = put("f.bin", data);
+  const std::string name = write(mdftest::Image{data});
   const uint16_t n = open(name, GetParam());
   Bytes buf(200000);
   // After a failure: its status and text, the position and known size, the file where the
@@ -166,7 +161,7 @@ TEST_P(Io, FailuresRaiseTheirStatusAndMoveThePosition) {
 // writes and changes of size through its read-ahead window.
 TEST_P(Io, RandomOperationsAgreeWithAModel) {
   Bytes disk = pattern(150000, 27);
-  const std::string name = put("f.bin", disk);
+  const std::string name = write(mdftest::Image{disk});
   const uint32_t numbers = GetParam() != kStream ? 2 : 1;
   uint16_t n[2] = {};
   int64_t position[2] = {};
@@ -255,7 +250,7 @@ TEST_F(Io, BufferedBytesThatCannotBeWrittenFailAsAWrite) {
 }
 
 TEST_F(Io, UnknownNumbersBadModesAndBadOriginsAreInternalErrors) {
-  const std::string name = put("f.bin", pattern(10, 29));
+  const std::string name = write(mdftest::Image{pattern(10, 29)});
   uint8_t b = 0;
   uint16_t out = 0;
   const uint16_t n = open(name, io::kRead);
