@@ -37,21 +37,17 @@ mdftest::FileModel small_file() {
   return f;
 }
 
-TEST_F(FileApi, CreateAndCloseWritesIdentificationAndHeader) {
+// A created file: the identification with the program's name, the header with its defaults
+// or with the fields set before the close (a full project field has no terminator).
+TEST_F(FileApi, CreatedFileHoldsIdentificationAndHeader) {
   mdfClose();
   ASSERT_EQ(mdfOpen("TESTPROG"), 0);
-  mdf_file* file = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, path("new.mdf").c_str(), MDF_OPEN_CREATE), 0);
-  ASSERT_EQ(mdfFileClose(file), 0);
+  ASSERT_EQ(mdfFileClose(open_file(path("new.mdf"), MDF_OPEN_CREATE)), 0);
   const auto bytes = mdftest::load_file(path("new.mdf"));
   ASSERT_EQ(bytes.size(), 64u + 208u);
   // Little-endian (0), IEEE (0), version 320, then zeros up to the header.
-  std::vector<uint8_t> id(bytes.begin(), bytes.begin() + 64), want(64, 0);
-  const std::string text = "MDF     3.20    TESTPROG";
-  std::copy(text.begin(), text.end(), want.begin());
-  want[28] = 320 & 0xFF;
-  want[29] = 320 >> 8;
-  EXPECT_EQ(id, want);
+  EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 64),
+            std::string("MDF     3.20    TESTPROG\0\0\0\0\x40\x01", 30) + std::string(34, '\0'));
   const auto r = mdftest::read_bytes(bytes);
   ASSERT_TRUE(r.ok()) << r.error_text();
   const auto& h = r.header;
@@ -61,32 +57,26 @@ TEST_F(FileApi, CreateAndCloseWritesIdentificationAndHeader) {
   EXPECT_EQ(
       std::make_tuple(h.date.size(), h.date[2], h.date[5], h.time.size(), h.timestamp_ns != 0),
       std::make_tuple(10u, ':', ':', 8u, true));
-}
 
-TEST_F(FileApi, HeaderFieldsSurviveCloseAndReopen) {
-  mdf_file* file = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, path("h.mdf").c_str(), MDF_OPEN_CREATE), 0);
+  mdf_file* file = open_file(path("h.mdf"), MDF_OPEN_CREATE);
   ASSERT_EQ(mdfFileSetInfo(file, "24:12:2025", "18:30:00", "a comment", "Ann", "Test bench",
                            "Project X", "Car 7"),
             0);
-  const std::string long32(40, 'p');
-  ASSERT_EQ(mdfFileSetProject(file, long32.c_str()), 0);
+  ASSERT_EQ(mdfFileSetProject(file, std::string(40, 'p').c_str()), 0);
   ASSERT_EQ(mdfFileClose(file), 0);
-
-  ASSERT_EQ(mdfFileOpen(&file, path("h.mdf").c_str(), MDF_OPEN_READ), 0);
+  file = open_file(path("h.mdf"));
   const char *date, *time, *text, *name, *division, *project, *subject;
   ASSERT_EQ(mdfFileGetInfo(file, &date, &time, &text, &name, &division, &project, &subject), 0);
   using S = std::string;
-  // A full project field has no terminator.
   EXPECT_EQ(
       std::make_tuple(S(date), S(time), S(text), S(name), S(division), S(project, 32), S(subject)),
       std::make_tuple("24:12:2025", "18:30:00", "a comment", "Ann", "Test bench", S(32, 'p'),
                       "Car 7"));
   ASSERT_EQ(mdfFileClose(file), 0);
   // An explicit date replaces the stamp; the comment is appended behind the header at close.
-  const auto r = mdftest::read_file(path("h.mdf"));
-  ASSERT_TRUE(r.ok()) << r.error_text();
-  EXPECT_EQ(std::make_tuple(r.header.timestamp_ns, r.header.comment, r.header.comment_link),
+  const auto set = mdftest::read_file(path("h.mdf"));
+  ASSERT_TRUE(set.ok()) << set.error_text();
+  EXPECT_EQ(std::make_tuple(set.header.timestamp_ns, set.header.comment, set.header.comment_link),
             std::make_tuple(0u, "a comment", 64u + 208u));
 }
 
@@ -118,16 +108,14 @@ TEST_F(FileApi, ModifiedHeaderKeepsItsSizeAndAppendsItsComment) {
             std::make_tuple(164, "01:02:2003", 0u));
 }
 
-TEST_F(FileApi, RefusedCalls) {
+TEST_F(FileApi, RefusedOpens) {
   mdf_file* file = nullptr;
   mdfClose();
-  EXPECT_EQ(mdfFileOpen(&file, path("y.mdf").c_str(), MDF_OPEN_CREATE), MDF_ERR_NOT_INITIALIZED);
-  mdfOpen(nullptr);
+  EXPECT_EQ(mdfFileOpen(&file, path("x.mdf").c_str(), MDF_OPEN_CREATE), MDF_ERR_NOT_INITIALIZED);
+  restart();
   EXPECT_EQ(mdfFileOpen(&file, path("x.mdf").c_str(), 3), MDF_ERR_OPEN_MODE);
   EXPECT_FALSE(fs::exists(path("x.mdf")));
-  EXPECT_EQ(mdfFileClose(nullptr), 0);
-  mdfClose();
-  mdfOpen(nullptr);
+  restart();
   EXPECT_EQ(mdfFileOpen(&file, path("missing.mdf").c_str(), MDF_OPEN_READ), MDF_FILE_NOT_OPENED);
   EXPECT_EQ(file, nullptr);
   EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: not sticky
@@ -161,26 +149,24 @@ TEST_F(FileApi, VaxDFileReadsAsIeeeAndRefusesModify) {
   auto f = small_file();
   f.id.float_format = 2;
   f.encode_real = vax_d;
-  auto& cn = f.data_groups[0].channel_groups[0].channels[1];
-  cn.range_valid = 1;
-  cn.min = -1.5;
-  cn.max = 1000.25;
-  cn.sample_rate = 0.01;
+  auto& v = f.data_groups[0].channel_groups[0].channels[1];
+  v.range_valid = 1;
+  v.min = -1.5;
+  v.max = 1000.25;
+  v.sample_rate = 0.01;
   const auto in = write(f);
 
-  mdf_file* file = nullptr;
-  ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
-  Node* time = first_channel(file);
-  Node* speed = korvel::resolve_link(file->tree, time, korvel::layout::cn::kNext);
+  mdf_file* file = open_file(in);
+  namespace cn = korvel::layout::cn;
+  Node* speed = korvel::resolve_link(file->tree, first_channel(file), cn::kNext);
   ASSERT_NE(speed, nullptr);
-  EXPECT_EQ(korvel::load_f64(speed->image + korvel::layout::cn::kMinimum), -1.5);
-  EXPECT_EQ(korvel::load_f64(speed->image + korvel::layout::cn::kMaximum), 1000.25);
-  EXPECT_DOUBLE_EQ(korvel::load_f64(speed->image + korvel::layout::cn::kSampleRate), 0.01);
+  EXPECT_EQ(korvel::load_f64(speed->image + cn::kMinimum), -1.5);
+  EXPECT_EQ(korvel::load_f64(speed->image + cn::kMaximum), 1000.25);
+  EXPECT_DOUBLE_EQ(korvel::load_f64(speed->image + cn::kSampleRate), 0.01);
   // The shared conversion is converted once: factor 0.5 stays 0.5.
-  Node* cc = korvel::resolve_link(file->tree, speed, korvel::layout::cn::kConversion);
+  Node* cc = korvel::resolve_link(file->tree, speed, cn::kConversion);
   EXPECT_EQ(korvel::load_f64(cc->image + korvel::layout::cc::kParams + 8), 0.5);
   ASSERT_EQ(mdfFileClose(file), 0);
-
   EXPECT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), MDF_ERR_FLOAT_FORMAT);
   EXPECT_EQ(file, nullptr);
   EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_FLOAT_FORMAT);
@@ -188,10 +174,7 @@ TEST_F(FileApi, VaxDFileReadsAsIeeeAndRefusesModify) {
 
 TEST_F(FileApi, ChannelBlockSizesAndFloatRepair) {
   struct Case {
-    uint16_t size;
-    uint16_t data_type, bits;
-    uint16_t expected_type;
-    uint16_t links;
+    uint16_t size, data_type, bits, expected_type, links;
   };
   const Case cases[] = {{218, 2, 64, 3, 5},
                         {222, 3, 32, 2, 6},
@@ -204,9 +187,7 @@ TEST_F(FileApi, ChannelBlockSizesAndFloatRepair) {
     auto& ch = f.add_data_group().add_channel_group(8).add_channel("x", 0, c.bits, c.data_type);
     ch.block_size = c.size;
     if (c.size >= 222) ch.long_name = "a long name";
-    const auto in = write(f);
-    mdf_file* file = nullptr;
-    ASSERT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_READ), 0);
+    mdf_file* file = open_file(write(f));
     Node* cn = first_channel(file);
     ASSERT_NE(cn, nullptr);
     EXPECT_EQ(korvel::load_le16(cn->image + korvel::layout::cn::kDataType), c.expected_type);
@@ -234,11 +215,8 @@ TEST_F(FileApi, DamagedFilesGiveTheirStatuses) {
     row >> probe >> probe_status;
     SCOPED_TRACE(name);
     ++replayed;
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    const std::string in = path("in.mdf");
-    fs::copy_file(KORVEL_DAMAGED_DIR "/" + name + ".mdf", in, fs::copy_options::overwrite_existing);
-    fs::permissions(in, fs::perms::owner_write, fs::perm_options::add);
+    restart();
+    const auto in = mdftest::copy_writable(KORVEL_DAMAGED_DIR "/" + name + ".mdf", dir_).string();
     const auto before = mdftest::load_file(in);
     mdf_file* file = nullptr;
     EXPECT_EQ(mdfFileOpen(&file, in.c_str(), static_cast<uint16_t>(mode)), status);

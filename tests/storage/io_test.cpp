@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <string>
@@ -34,20 +33,13 @@ Bytes pattern(std::size_t n, uint32_t seed) {
   return v;
 }
 
-const auto get = mdftest::load_file;
-
-class Io : public mdftest::Session {
+// Most behaviours hold for every access style (the parameter).
+class Io : public mdftest::Session, public ::testing::WithParamInterface<uint16_t> {
  protected:
+  uint16_t flags(uint16_t mode) const { return static_cast<uint16_t>(GetParam() | mode); }
   void TearDown() override {
     for (uint16_t n : open_) io::close(n);
     Session::TearDown();
-  }
-  // Writes the bytes to a file of the scratch directory and returns its full name.
-  std::string put(const std::string& name, const Bytes& bytes) const {
-    std::ofstream(path(name), std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-    return path(name);
   }
   // Opens and remembers the number so that TearDown closes it.
   uint16_t open(const std::string& name, uint16_t flags, uint16_t buffer = 8192) {
@@ -70,20 +62,16 @@ State at(uint16_t n) {
   return {io::tell(n), io::known_size(n)};
 }
 
-// Most behaviours hold for both access styles.
-class IoBothStyles : public Io, public ::testing::WithParamInterface<uint16_t> {
- protected:
-  uint16_t flags(uint16_t mode) const { return static_cast<uint16_t>(GetParam() | mode); }
-};
-
-INSTANTIATE_TEST_SUITE_P(Styles, IoBothStyles, ::testing::Values(kDescriptor, kStream, kBuffered),
+INSTANTIATE_TEST_SUITE_P(Styles, Io, ::testing::Values(kDescriptor, kStream, kBuffered),
                          [](const auto& p) {
                            return p.param == kStream     ? "Stream"
                                   : p.param == kBuffered ? "BufferedDescriptor"
                                                          : "Descriptor";
                          });
 
-TEST_P(IoBothStyles, OpenMissingAndCreate) {
+// A missing file is no file; create replaces a file with an empty one. Bytes read ahead
+// before the file was cut or grown are not served again.
+TEST_P(Io, OpenCreateAndChangesOfSizeUnderTheReadAhead) {
   const std::string missing = path("missing.dat");
   for (uint16_t mode : {io::kRead, io::kModify}) {
     uint16_t n = 7;
@@ -93,91 +81,87 @@ TEST_P(IoBothStyles, OpenMissingAndCreate) {
   // Logged with the file name, but positive: not sticky.
   EXPECT_EQ(mdfGetErrorCode(), 0);
   EXPECT_NE(mdftest::slurp("KORVEL.LOG").find("could not open file " + missing), std::string::npos);
-  // Create replaces a file with an empty one.
-  const std::string name = put("f.bin", pattern(1234, 1));
+  const std::string name = write(mdftest::Image{pattern(1234, 1)});
   const uint16_t n = open(name, flags(io::kCreate));
   EXPECT_EQ(io::known_size(n), 0);
   EXPECT_EQ(fs::file_size(name), 0u);
-  ASSERT_EQ(io::write("new", 3, n), 0);
+  const Bytes data = pattern(10000, 2);
+  ASSERT_EQ(io::write(data.data(), 10000, n), 0);
+  Bytes buf(20);
+  ASSERT_EQ(io::seek(n, 0, io::kFromStart), 0);
+  ASSERT_EQ(io::read(buf.data(), 10, n), 0);
+  ASSERT_EQ(io::set_size(n, 2000), 0);
+  ASSERT_EQ(io::set_size(n, 5000), 0);
+  ASSERT_EQ(io::seek(n, 3000, io::kFromStart), 0);
+  ASSERT_EQ(io::read(buf.data(), 20, n), 0);
+  EXPECT_EQ(buf, Bytes(20, 0));  // cut off, then grown
+  ASSERT_EQ(io::set_size(n, 3005), 0);
+  ASSERT_EQ(io::seek(n, 3000, io::kFromStart), 0);
+  EXPECT_EQ(io::read(buf.data(), 20, n), MDF_ERR_READ);
   close(n);
-  EXPECT_EQ(get(name), (Bytes{'n', 'e', 'w'}));
+  Bytes expected(data.begin(), data.begin() + 2000);
+  expected.resize(3005, 0);
+  EXPECT_EQ(mdftest::load_file(name), expected);
 }
 
-TEST_P(IoBothStyles, SeekBeforeTheStartFailsWithTheOffsetAsContext) {
-  const Bytes data = pattern(100, 7);
-  const uint16_t n = open(put("f.bin", data), GetParam());
+// Failed operations on a file opened for reading; the file is never changed.
+TEST_P(Io, FailuresRaiseTheirStatusAndMoveThePosition) {
+  const Bytes data = pattern(300000, 14);
+  const std::string name = write(mdftest::Image{data});
+  const uint16_t n = open(name, GetParam());
+  Bytes buf(200000);
+  // After a failure: its status and text, the position and known size, the file where the
+  // position says; a later failure does not replace the first error.
+  const auto failed = [&](int16_t status, const std::string& text, State after) {
+    EXPECT_EQ(at(n), after);
+    EXPECT_EQ(mdfGetErrorCode(), status);
+    EXPECT_EQ(mdfGetErrorText(), text);
+    uint8_t b = 0;
+    EXPECT_EQ(io::read(&b, 1, n), 0);
+    EXPECT_EQ(b, data[static_cast<std::size_t>(after.first)]);
+    EXPECT_EQ(io::seek(n, -1, io::kFromStart), MDF_ERR_SEEK);
+    EXPECT_EQ(mdfGetErrorCode(), status);
+    restart();
+  };
   for (const auto& [offset, origin, context] :
        {std::tuple{int64_t{-5}, io::kFromStart, "-5"},
         {int64_t{-20}, io::kFromCurrent, "-20"},
         {INT64_MIN, io::kFromCurrent, "-9223372036854775808"}}) {
-    SCOPED_TRACE(context);
-    restart();
     ASSERT_EQ(io::seek(n, 10, io::kFromStart), 0);
     EXPECT_EQ(io::seek(n, offset, origin), MDF_ERR_SEEK);
-    EXPECT_EQ(at(n), State(0, 100));
-    EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_SEEK);
-    EXPECT_EQ(std::string(mdfGetErrorText()),
-              std::string("could not locate pos in file ") + context + "\n");
-    uint8_t b = 0;  // the file is at 0 again: the next read starts there
-    EXPECT_EQ(io::read(&b, 1, n), 0);
-    EXPECT_EQ(b, data[0]);
+    failed(MDF_ERR_SEEK, std::string("could not locate pos in file ") + context + "\n",
+           {0, 300000});
   }
-}
-
-TEST_P(IoBothStyles, ReadOnlyFileRefusesWritesAndChangesOfSize) {
-  const Bytes data = pattern(64, 9);
-  const std::string name = put("f.bin", data);
-  const uint16_t n = open(name, GetParam());
-  ASSERT_EQ(io::seek(n, 8, io::kFromStart), 0);
   // A stream may hold the bytes in its buffer; flushing makes the failure certain.
+  ASSERT_EQ(io::seek(n, 8, io::kFromStart), 0);
   int16_t status = io::write("abcd", 4, n);
   if (status == 0) {
     io::flush(n);
-    status = io::write(Bytes(20000).data(), 20000, n);
+    status = io::write(buf.data(), 20000, n);
   }
   EXPECT_EQ(status, MDF_ERR_WRITE);
-  EXPECT_EQ(at(n), State(0, 64));
-  EXPECT_EQ(std::string(mdfGetErrorText()), "could not write file \n");
-  restart();
-  // A failed change of size moves nothing.
-  ASSERT_EQ(io::seek(n, 30, io::kFromStart), 0);
+  failed(MDF_ERR_WRITE, "could not write file \n", {0, 300000});
+  ASSERT_EQ(io::seek(n, 30, io::kFromStart), 0);  // a failed change of size moves nothing
   EXPECT_EQ(io::set_size(n, 10), MDF_ERR_WRITE);
-  EXPECT_EQ(std::string(mdfGetErrorText()), "could not write file cannot change size\n");
-  EXPECT_EQ(at(n), State(30, 64));
-  close(n);
-  EXPECT_EQ(get(name), data);
-}
-
-TEST_P(IoBothStyles, ReadPastTheEndFailsRewindsAndSticks) {
-  const Bytes data = pattern(300000, 14);
-  const uint16_t n = open(put("f.bin", data), flags(io::kModify));
-  Bytes buf(200000);
-  ASSERT_EQ(io::seek(n, 1000, io::kFromStart), 0);
-  ASSERT_EQ(io::read_bulk(buf.data(), buf.size(), n), 0);  // more than 65535 bytes at once
-  EXPECT_EQ(io::tell(n), 201000);
-  EXPECT_TRUE(std::equal(buf.begin(), buf.end(), data.begin() + 1000));
+  failed(MDF_ERR_WRITE, "could not write file cannot change size\n", {30, 300000});
+  ASSERT_EQ(io::seek(n, 201000, io::kFromStart), 0);
   EXPECT_EQ(io::read_bulk(buf.data(), buf.size(), n), MDF_ERR_READ);
-  EXPECT_EQ(io::tell(n), 0);
-  EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_READ);
-  EXPECT_EQ(std::string(mdfGetErrorText()), "could not read file \n");
-  ASSERT_EQ(io::read(buf.data(), 3, n), 0);  // the file is at 0 again
-  EXPECT_TRUE(std::equal(buf.begin(), buf.begin() + 3, data.begin()));
+  failed(MDF_ERR_READ, "could not read file \n", {0, 300000});
   // Between the file's end and a known size grown by a seek there is nothing to read.
   ASSERT_EQ(io::seek(n, 300010, io::kFromStart), 0);
   ASSERT_EQ(io::seek(n, 299999, io::kFromStart), 0);
   EXPECT_EQ(io::read(buf.data(), 2, n), MDF_ERR_READ);
-  EXPECT_EQ(at(n), State(0, 300010));
-  // The first error stays; a later one does not replace it.
-  EXPECT_EQ(io::seek(n, -1, io::kFromStart), MDF_ERR_SEEK);
-  EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_READ);
+  failed(MDF_ERR_READ, "could not read file \n", {0, 300010});
+  close(n);
+  EXPECT_EQ(mdftest::load_file(name), data);
 }
 
 // Random operations against a model of the file and of each number's position and known
 // size. In descriptor style two numbers share the file, so that each must see the other's
 // writes and changes of size through its read-ahead window.
-TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
+TEST_P(Io, RandomOperationsAgreeWithAModel) {
   Bytes disk = pattern(150000, 27);
-  const std::string name = put("f.bin", disk);
+  const std::string name = write(mdftest::Image{disk});
   const uint32_t numbers = GetParam() != kStream ? 2 : 1;
   uint16_t n[2] = {};
   int64_t position[2] = {};
@@ -186,7 +170,6 @@ TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
     n[k] = open(name, flags(io::kModify));
     known[k] = static_cast<int64_t>(disk.size());
   }
-  const auto disk_size = [&] { return static_cast<int64_t>(disk.size()); };
   std::mt19937 rng(28);
   Bytes buf(70000);
   int failures = 0;
@@ -196,7 +179,7 @@ TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
     const auto what = rng() % 100;
     if (what < 45) {  // read, mostly small, sometimes past the end
       const std::size_t count = rng() % 8 == 0 ? rng() % 70000 : rng() % 200;
-      const bool fits = pos + static_cast<int64_t>(count) <= disk_size();
+      const bool fits = static_cast<std::size_t>(pos) + count <= disk.size();
       if (!fits && ++failures > 20) continue;  // keep the log short
       const int16_t st = count <= 65535 ? io::read(buf.data(), static_cast<uint16_t>(count), n[k])
                                         : io::read_bulk(buf.data(), count, n[k]);
@@ -247,7 +230,7 @@ TEST_P(IoBothStyles, RandomOperationsAgreeWithAModel) {
       ASSERT_EQ(at(n[j]), State(position[j], known[j])) << step;
   }
   for (uint32_t k = 0; k < numbers; ++k) close(n[k]);
-  EXPECT_EQ(get(name), disk);
+  EXPECT_EQ(mdftest::load_file(name), disk);
 }
 
 // Buffered bytes that the system refuses (a full disk) fail as an unbuffered write does.
@@ -266,54 +249,39 @@ TEST_F(Io, BufferedBytesThatCannotBeWrittenFailAsAWrite) {
   }
 }
 
-// A stream must not serve bytes it read ahead before its file was cut or grown.
-TEST_F(Io, StreamSetSizeDropsReadAhead) {
-  const uint16_t n = open(put("f.bin", pattern(100000, 5)), kStream | io::kModify);
-  uint8_t b[20];
-  ASSERT_EQ(io::seek(n, 1000, io::kFromStart), 0);
-  ASSERT_EQ(io::read(b, 10, n), 0);  // the stream's buffer now holds bytes up to 9192
-  ASSERT_EQ(io::set_size(n, 2000), 0);
-  ASSERT_EQ(io::set_size(n, 5000), 0);
-  ASSERT_EQ(io::seek(n, 3000, io::kFromStart), 0);
-  ASSERT_EQ(io::read(b, 20, n), 0);
-  EXPECT_EQ(Bytes(b, b + 20), Bytes(20, 0));  // cut off, then grown with zeros
-  ASSERT_EQ(io::set_size(n, 3005), 0);
-  ASSERT_EQ(io::seek(n, 3000, io::kFromStart), 0);
-  EXPECT_EQ(io::read(b, 20, n), MDF_ERR_READ);
-}
-
 TEST_F(Io, UnknownNumbersBadModesAndBadOriginsAreInternalErrors) {
-  const std::string name = put("f.bin", pattern(10, 29));
+  const std::string name = write(mdftest::Image{pattern(10, 29)});
   uint8_t b = 0;
   uint16_t out = 0;
-  using Call = std::function<int64_t(uint16_t open_number, uint16_t closed_number)>;
-  const std::pair<Call, int64_t> cases[] = {
-      {[](uint16_t, uint16_t c) { return io::tell(c); }, -1},
-      {[](uint16_t, uint16_t c) { return io::known_size(c); }, -1},
-      {[&](uint16_t, uint16_t c) { return io::read(&b, 1, c); }, MDF_ERR_FATAL},
-      {[&](uint16_t, uint16_t c) { return io::read_bulk(&b, 1, c); }, MDF_ERR_FATAL},
-      {[&](uint16_t, uint16_t c) { return io::write(&b, 1, c); }, MDF_ERR_FATAL},
-      {[](uint16_t, uint16_t c) { return io::seek(c, 1, io::kFromStart); }, MDF_ERR_FATAL},
-      {[](uint16_t, uint16_t c) { return io::set_size(c, 1); }, MDF_ERR_FATAL},
-      {[](uint16_t, uint16_t c) { return io::flush(c); }, MDF_ERR_FATAL},
-      {[](uint16_t, uint16_t c) { return (io::close(c), int64_t{0}); }, 0},
-      {[](uint16_t o, uint16_t) { return io::seek(o, 0, 3); }, MDF_ERR_FATAL},  // bad origin
-      {[&](uint16_t, uint16_t) { return io::open(&out, path("x").c_str(), 3, 4096); },
-       MDF_ERR_FATAL},  // bad mode
+  const uint16_t n = open(name, io::kRead);
+  const uint16_t c = open(name, io::kRead);
+  close(c);  // its number is free until the next open
+  ASSERT_EQ(io::seek(n, 5, io::kFromStart), 0);
+  const std::pair<std::function<int64_t()>, int64_t> cases[] = {
+      {[&] { return io::tell(c); }, -1},
+      {[&] { return io::known_size(c); }, -1},
+      {[&] { return io::read(&b, 1, c); }, MDF_ERR_FATAL},
+      {[&] { return io::read_bulk(&b, 1, c); }, MDF_ERR_FATAL},
+      {[&] { return io::write(&b, 1, c); }, MDF_ERR_FATAL},
+      {[&] { return io::seek(c, 1, io::kFromStart); }, MDF_ERR_FATAL},
+      {[&] { return io::set_size(c, 1); }, MDF_ERR_FATAL},
+      {[&] { return io::flush(c); }, MDF_ERR_FATAL},
+      {[&] {
+         io::close(c);
+         return int64_t{0};
+       },
+       0},
+      {[&] { return io::seek(n, 0, 3); }, MDF_ERR_FATAL},                           // bad origin
+      {[&] { return io::open(&out, path("x").c_str(), 3, 4096); }, MDF_ERR_FATAL},  // bad mode
   };
   int index = 0;
   for (const auto& [call, result] : cases) {
     SCOPED_TRACE(index++);
     restart();
-    const uint16_t n = open(name, io::kRead);
-    const uint16_t closed = open(name, io::kRead);
-    close(closed);  // its number is free until the next open
-    ASSERT_EQ(io::seek(n, 5, io::kFromStart), 0);
-    EXPECT_EQ(call(n, closed), result);
+    EXPECT_EQ(call(), result);
     EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_FATAL);
     EXPECT_NE(std::string(mdfGetErrorText()).find("Internal Error 1-IO-"), std::string::npos);
     EXPECT_EQ(io::tell(n), 5);  // the open file is not disturbed
-    close(n);
   }
   EXPECT_EQ(out, io::kNoFile);
   EXPECT_FALSE(fs::exists(path("x")));

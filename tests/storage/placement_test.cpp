@@ -14,49 +14,39 @@ namespace {
 
 using namespace korvel;
 
-class NodeTreeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-    ASSERT_EQ(create_file_record(&file_), 0);
-  }
-  void TearDown() override {
-    release_file_record(file_);
-    mdfClose();
-  }
+// A read DG at 100 leads to a read DG at 200 and to a new CG; a copy of the DG into another
+// tree still leads to the source's blocks.
+TEST(Emit, LinksComeFromThePlacementOnly) {
+  mdfClose();
+  ASSERT_EQ(mdfOpen(nullptr), 0);
+  mdf_file* file = nullptr;
+  mdf_file* other = nullptr;
+  ASSERT_EQ(create_file_record(&file), 0);
+  ASSERT_EQ(create_file_record(&other), 0);
   // A DG block as if read from `position`, its links taken from the image.
-  Node* read_dg(uint32_t position, uint32_t next) {
+  const auto read_dg = [&](uint32_t position, uint32_t next) {
     uint32_t fields[8];
     uint8_t image[28] = {'D', 'G', 28, 0};
     store_le32(image + 4, next);
     const uint16_t n = link_fields(layout::kDG, image, 28, fields, 8);
-    Node* node = file_->tree.add(layout::kDG, 28, position, fields, n);
+    Node* node = file->tree.add(layout::kDG, 28, position, fields, n);
     std::memcpy(node->image, image, 28);
     NodeTree::register_links(node);
     return node;
-  }
-  mdf_file* file_ = nullptr;
-};
-
-
-TEST_F(NodeTreeTest, EmittedLinksComeFromThePlacementOnly) {
-  // A read DG at 100 leads to a read DG at 200 and to a new CG; a copy of the DG into another
-  // tree still leads to the source's blocks.
+  };
   Node* next = read_dg(200, 0);
   Node* dg = read_dg(100, 200);
   Node* cg = nullptr;
-  ASSERT_EQ(new_block(file_, layout::kCG, &cg), 0);
+  ASSERT_EQ(new_block(file, layout::kCG, &cg), 0);
   set_link(dg, layout::dg::kFirstCg, 0, cg);
-  mdf_file* other = nullptr;
-  ASSERT_EQ(create_file_record(&other), 0);
   Node* copy = nullptr;
-  ASSERT_EQ(copy_block(other, &copy, file_->tree, dg), 0);
+  ASSERT_EQ(copy_block(other, &copy, file->tree, dg), 0);
   uint8_t out[28];
+  // own_file: the output is the file of the node's own tree; place_next: the DG at 200 is
+  // placed at 5000, the CG at 6000.
   struct Case {
     Node* node;
-    bool own_file;    // the output is the file of the node's own tree
-    bool place_next;  // the DG at 200 is placed at 5000, the CG at 6000
+    bool own_file, place_next;
     int16_t status;
     uint32_t next, first_cg;
   };
@@ -69,13 +59,13 @@ TEST_F(NodeTreeTest, EmittedLinksComeFromThePlacementOnly) {
   };
   for (const Case& c : cases) {
     Placement placement =
-        c.own_file ? Placement(c.node == copy ? other->tree : file_->tree) : Placement();
+        c.own_file ? Placement(c.node == copy ? other->tree : file->tree) : Placement();
     if (c.place_next) {
       placement.assign(next, 5000);
       placement.assign(cg, 6000);
     }
     std::memset(out, 0xEE, sizeof out);
-    EXPECT_EQ(emit_block(c.node == copy ? other->tree : file_->tree, c.node, placement, out),
+    EXPECT_EQ(emit_block(c.node == copy ? other->tree : file->tree, c.node, placement, out),
               c.status);
     if (c.status != 0) continue;
     EXPECT_EQ(load_le32(out + layout::dg::kNext), c.next);
@@ -84,12 +74,14 @@ TEST_F(NodeTreeTest, EmittedLinksComeFromThePlacementOnly) {
     EXPECT_EQ(load_le32(dg->image + layout::dg::kNext), 200u);  // the image is not changed
   }
   // In its own file, a block on disk keeps its place unless placed anew.
-  Placement own(file_->tree);
+  Placement own(file->tree);
   uint64_t at = 0;
   EXPECT_TRUE(own.position_of(next, &at));
   EXPECT_EQ(at, 200u);
   EXPECT_FALSE(own.position_of(cg, &at));
   release_file_record(other);
+  release_file_record(file);
+  mdfClose();
 }
 
 }  // namespace
