@@ -6,6 +6,7 @@
 
 #include "korvel.h"
 #include "support/mdf_builder.h"
+#include "support/mdf_reader.h"
 #include "support/scratch.h"
 
 namespace {
@@ -18,14 +19,17 @@ double real_at(const void* base, size_t index) {
 
 using mdftest::log_text;
 
+const char* const kFormulas[] = {"x*3 - 0x10", "1/(X-2)", "X +* 2"};
+
 // Channels 1..6 of one group: no rule, linear, table, verbal table, verbal range table, and
-// a verbal range table whose first text scales.
+// a verbal range table whose first text scales; 7..9 text formulas. Record x (0..5) holds x in
+// every byte.
 class FormApi : public mdftest::Session {
  protected:
   void SetUp() override {
     Session::SetUp();
     mdftest::FileModel f;
-    auto& cg = f.add_data_group().add_channel_group(8);
+    auto& cg = f.add_data_group().add_channel_group(9);
     cg.add_channel("plain", 0, 8, 0);
     cg.add_channel("lin", 8, 8, 0).conversion = mdftest::linear(1.0, 2.0, "km/h");
     cg.add_channel("tab", 16, 8, 0).conversion =
@@ -35,7 +39,11 @@ class FormApi : public mdftest::Session {
         {{0, 9, std::string("low")}, {10, 19, std::nullopt}, {20, 29, std::string("high")}});
     cg.add_channel("scaled", 40, 8, 0).conversion =
         mdftest::range_table({{0, 1, std::string("{LINEAR_CONV \"2.5*{X}-10\"}")}});
-    cg.add_record();
+    for (int c = 0; c < 3; ++c) {
+      cg.add_channel("f" + std::to_string(c), uint16_t(48 + 8 * c), 8, 0).conversion =
+          mdftest::formula(kFormulas[c]);
+    }
+    for (uint8_t x = 0; x < 6; ++x) cg.add_record().assign(9, x);
     group_ = mdftest::open_group(open_file(write(f)), 1);
   }
   channelnode* channel(uint16_t index) { return mdftest::open_channel(group_, index); }
@@ -172,6 +180,39 @@ TEST_F(FormApi, SettingRules) {
   ASSERT_EQ(mdfChnGetForm(ch, nullptr, &unit, &params), 0);
   EXPECT_EQ(std::string(unit, 20), "abcdefghijklmnopqrst");
   EXPECT_EQ(static_cast<const void*>(unit + 24), params);  // type and count lie between
+}
+
+// Text formulas through the channel functions: one faulty at X = 2 and one that never parses
+// give 0 with status 0 (the evaluator's status is not passed on).
+TEST_F(FormApi, TextFormulasConvertRecordValuesAndAreReadUpperCased) {
+  for (size_t c = 0; c < 3; ++c) {
+    SCOPED_TRACE(kFormulas[c]);
+    channelnode* ch = channel(static_cast<uint16_t>(c + 7));
+    ASSERT_EQ(mdfGrpSeek(group_, 0, MDF_SEEK_ABS), 0);
+    for (int x = 0; x < 6; ++x) {
+      const double want[] = {x * 3 - 16.0, x == 2 ? 0.0 : 1.0 / (x - 2), 0.0};
+      double value = -99;
+      EXPECT_EQ(mdfChnReadPhy(&value, ch), 0) << x;
+      EXPECT_DOUBLE_EQ(value, want[c]) << x;
+    }
+  }
+  // A formula read twice gives the same value; reading it upper-cases its text in the block, so
+  // a copy of the rule written into another file holds the upper-cased text.
+  channelnode *ch = channel(7), *copy = nullptr;
+  ASSERT_EQ(mdfGrpSeek(group_, 4, MDF_SEEK_ABS), 0);
+  double first = 0, second = 0;
+  EXPECT_EQ(mdfChnGetPhy(&first, ch, 0), 0);
+  EXPECT_EQ(mdfChnGetPhy(&second, ch, 0), 0);
+  EXPECT_EQ(std::make_pair(first, second), std::make_pair(-4.0, -4.0));
+  mdf_file* target = open_file(path("copy.mdf"), MDF_OPEN_CREATE);
+  ASSERT_EQ(mdfChnDuplicate(&copy, mdftest::open_group(target, 1, MDF_OPEN_CREATE), ch), 0);
+  ASSERT_EQ(mdfFileClose(target), 0);
+  const auto read = mdftest::read_file(path("copy.mdf"));
+  ASSERT_TRUE(read.ok()) << read.error_text();
+  const auto& conversion = read.data_groups.at(0).channel_groups.at(0).channels.at(0).conversion;
+  ASSERT_TRUE(conversion.has_value());
+  EXPECT_EQ(conversion->formula, "X*3 - 0X10");
+  EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
 }  // namespace
