@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <tuple>
 
@@ -77,68 +78,55 @@ TEST_F(FormApi, Getters) {
   EXPECT_EQ(std::make_tuple(type, offset, factor), std::make_tuple(MDF_CC_FRM_VTABR, -10.0, 2.5));
   ASSERT_EQ(mdfChnGetFormVTabR(channel(5), &type, &unit, &offset, &factor, &count, &points), 0);
   EXPECT_EQ(std::make_tuple(*count, offset, factor), std::make_tuple(uint16_t{3}, 0.0, 1.0));
-}
-
-TEST_F(FormApi, VerbalTexts) {
-  channelnode* vtabr = channel(5);
+  // Verbal range texts; a verbal table is read at the range-table stride: entry 0's "link"
+  // lies in the text of the first entry and is no block.
   const char* text = nullptr;
-  const struct {
-    uint16_t index;
-    const char* text;
-  } rows[] = {{0, "low"}, {1, ""}, {2, "high"}};
-  for (const auto& r : rows) {
-    ASSERT_EQ(mdfChnGetFormVTabText(vtabr, r.index, &text), 0);
-    EXPECT_STREQ(text, r.text);
+  const std::tuple<uint16_t, uint16_t, const char*> texts[] = {
+      {5, 0, "low"}, {5, 1, ""}, {5, 2, "high"}, {4, 0, ""}};
+  for (const auto& [ch, index, want] : texts) {
+    ASSERT_EQ(mdfChnGetFormVTabText(channel(ch), index, &text), 0);
+    EXPECT_STREQ(text, want);
   }
-  // A verbal table is read at the range-table stride: entry 0's "link" lies in the text of
-  // the first entry and is no block.
-  ASSERT_EQ(mdfChnGetFormVTabText(channel(4), 0, &text), 0);
-  EXPECT_STREQ(text, "");
   EXPECT_EQ(mdfGetErrorCode(), 0);
-
-  text = "x";
-  EXPECT_EQ(mdfChnGetFormVTabText(vtabr, 3, &text), MDF_VTAB_INDEX);
-  EXPECT_STREQ(text, "");
-  EXPECT_NE(log_text().find("index outside range of verbal conversion table (count=3)"),
-            std::string::npos);
-  EXPECT_EQ(mdfChnGetFormVTabText(channel(2), 0, &text), MDF_NOT_A_VTAB);
-  EXPECT_NE(log_text().find("not a verbal table (id=0)"), std::string::npos);
 }
 
 TEST_F(FormApi, WrongKindsAreRaised) {
-  using Call = int16_t (*)(channelnode*);
-  // Channel, call, status, log line. A refused call hands out no table, but the offset and
-  // factor of a range table before its check.
+  const uint16_t* count = nullptr;
+  const void* points = &count;
+  double offset = 0, factor = 0;
+  const char* text = "x";
+  const double pts[2] = {0, 0};
+  // Call, status, log line.
   // clang-format off
-  const struct { uint16_t channel; Call call; int16_t status; const char* logged; } cases[] = {
-      {2, [](channelnode* ch) {
-         const uint16_t* count = nullptr;
-         const void* points = &count;
-         const int16_t st = mdfChnGetFormTab(ch, nullptr, nullptr, &count, &points);
-         return static_cast<int16_t>(count == nullptr && points == nullptr ? st : 0);
-       }, MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
-      {3, [](channelnode* ch) { return mdfChnGetFormVTab(ch, nullptr, nullptr, nullptr, nullptr); },
+  const std::tuple<std::function<int16_t()>, int16_t, const char*> cases[] = {
+      {[&] { return mdfChnGetFormTab(channel(2), nullptr, nullptr, &count, &points); },
+       MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
+      {[&] { return mdfChnGetFormVTab(channel(3), nullptr, nullptr, nullptr, nullptr); },
        MDF_NOT_A_VTAB, "not a verbal table (id=1)"},
-      {4, [](channelnode* ch) {
-         double offset = 0, factor = 0;
-         const int16_t st = mdfChnGetFormVTabR(ch, nullptr, nullptr, &offset, &factor, nullptr, nullptr);
-         return static_cast<int16_t>(factor == 1.0 ? st : 0);
-       }, MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
-      {1, [](channelnode* ch) { return mdfChnGetFormTab(ch, nullptr, nullptr, nullptr, nullptr); },
+      {[&] { return mdfChnGetFormVTabR(channel(4), nullptr, nullptr, &offset, &factor, nullptr,
+                                       nullptr); },
+       MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
+      {[&] { return mdfChnGetFormTab(channel(1), nullptr, nullptr, nullptr, nullptr); },
        MDF_NO_FORMULA, "no formula found"},
-      {2, [](channelnode* ch) { return mdfChnSetForm(ch, 9, "u", 1.0); }, MDF_UNKNOWN_FORMULA,
+      {[&] { return mdfChnSetForm(channel(2), 9, "u", 1.0); }, MDF_UNKNOWN_FORMULA,
        "unknown formula type (id=9)"},
-      {2, [](channelnode* ch) {
-         const double pts[2] = {0, 0};
-         return mdfChnSetFormTab(ch, 3, "u", 1, pts);
-       }, MDF_UNKNOWN_FORMULA, "unknown formula type (id=3)"},
+      {[&] { return mdfChnSetFormTab(channel(2), 3, "u", 1, pts); }, MDF_UNKNOWN_FORMULA,
+       "unknown formula type (id=3)"},
+      {[&] { return mdfChnGetFormVTabText(channel(2), 0, &text); }, MDF_NOT_A_VTAB,
+       "not a verbal table (id=0)"},
+      {[&] { return mdfChnGetFormVTabText(channel(5), 3, &text); }, MDF_VTAB_INDEX,
+       "index outside range of verbal conversion table (count=3)"},
   };
   // clang-format on
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.logged);
-    EXPECT_EQ(c.call(channel(c.channel)), c.status);
-    EXPECT_NE(log_text().find(c.logged), std::string::npos);
+  for (const auto& [call, status, logged] : cases) {
+    SCOPED_TRACE(logged);
+    EXPECT_EQ(call(), status);
+    EXPECT_NE(log_text().find(logged), std::string::npos);
   }
+  // A refused call hands out no table and an empty text, but the offset and factor of a range
+  // table before its check.
+  EXPECT_EQ(std::make_tuple(count, points, factor, std::string(text)),
+            std::make_tuple(nullptr, nullptr, 1.0, ""));
   EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
