@@ -131,20 +131,25 @@ TEST_F(FormApi, WrongKindsAreRaised) {
 }
 
 TEST_F(FormApi, SettingRules) {
-  using Set = int16_t (*)(channelnode*);
+  using Ch = channelnode*;
+  using Set = int16_t (*)(Ch);
   static const double pts[4] = {0, 1, 10, 11};
   // clang-format off
-  const struct { const char* what; Set set; uint16_t type; std::vector<double> params; } cases[] = {
-      {"linear", [](channelnode* ch) { return mdfChnSetFormLin(ch, "V", 0.5, 4.0); }, 0, {0.5, 4.0}},
-      {"variadic", [](channelnode* ch) { return mdfChnSetForm(ch, 0, "V", 3.0, -1.0); }, 0, {3.0, -1.0}},
-      {"polynomial", [](channelnode* ch) { return mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6); }, 6,
+  // A 20-character unit fills its field without a terminator.
+  const struct { const char* what; Set set; uint16_t type; std::vector<double> params;
+                 const char* unit = "V"; } cases[] = {
+      {"linear", [](Ch ch) { return mdfChnSetFormLin(ch, "V", 0.5, 4.0); }, 0, {0.5, 4.0}},
+      {"variadic", [](Ch ch) { return mdfChnSetForm(ch, 0, "V", 3.0, -1.0); }, 0, {3.0, -1.0}},
+      {"polynomial", [](Ch ch) { return mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6); }, 6,
        {1, 2, 3, 4, 5, 6}},
-      {"exponential", [](channelnode* ch) { return mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7); },
-       7, {1, 2, 3, 4, 5, 6, 7}},
-      {"logarithmic", [](channelnode* ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); },
-       8, {7, 6, 5, 4, 3, 2, 1}},
-      {"table", [](channelnode* ch) { return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts); }, 2,
+      {"exponential", [](Ch ch) { return mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7); }, 7,
+       {1, 2, 3, 4, 5, 6, 7}},
+      {"logarithmic", [](Ch ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); }, 8,
+       {7, 6, 5, 4, 3, 2, 1}},
+      {"table", [](Ch ch) { return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts); }, 2,
        {0, 1, 10, 11}},
+      {"long unit", [](Ch ch) { return mdfChnSetFormLin(ch, "abcdefghijklmnopqrstuvwxyz", 0, 1); },
+       0, {0, 1}, "abcdefghijklmnopqrst"},
   };
   // clang-format on
   for (const auto& c : cases) {
@@ -156,18 +161,11 @@ TEST_F(FormApi, SettingRules) {
     const void* params = nullptr;
     ASSERT_EQ(mdfChnGetForm(ch, &type, &unit, &params), 0);
     EXPECT_EQ(type, c.type);
-    EXPECT_STREQ(unit, "V");
+    EXPECT_EQ(std::string(unit, strnlen(unit, 20)), c.unit);
+    EXPECT_EQ(static_cast<const void*>(unit + 24), params);  // type and count lie between
     for (size_t k = 0; k < c.params.size(); ++k) EXPECT_EQ(real_at(params, k), c.params[k]);
     ASSERT_EQ(mdfChnClose(ch), 0);
   }
-  // A 20-character unit fills its field without a terminator.
-  channelnode* ch = channel(1);
-  ASSERT_EQ(mdfChnSetFormLin(ch, "abcdefghijklmnopqrstuvwxyz", 0, 1), 0);
-  const char* unit = nullptr;
-  const void* params = nullptr;
-  ASSERT_EQ(mdfChnGetForm(ch, nullptr, &unit, &params), 0);
-  EXPECT_EQ(std::string(unit, 20), "abcdefghijklmnopqrst");
-  EXPECT_EQ(static_cast<const void*>(unit + 24), params);  // type and count lie between
 }
 
 // Text formulas through the channel functions: one faulty at X = 2 and one that never parses
