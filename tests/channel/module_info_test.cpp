@@ -124,8 +124,7 @@ size_t check_extensions(const std::string& file) {
   EXPECT_EQ(mdfFileOpen(&f, file.c_str(), MDF_OPEN_READ), 0);
   const auto groups = read.channel_groups();
   for (size_t gi = 0; gi < groups.size(); ++gi) {
-    mdf_group* g = nullptr;
-    EXPECT_EQ(mdfGrpOpen(&g, f, static_cast<uint16_t>(gi + 1), MDF_OPEN_READ), 0);
+    mdf_group* g = mdftest::open_group(f, static_cast<uint16_t>(gi + 1));
     for (size_t ci = 0; ci < groups[gi]->channels.size(); ++ci) {
       const auto& ext = groups[gi]->channels[ci].extension;
       uint16_t type = 0;
@@ -145,12 +144,7 @@ size_t check_extensions(const std::string& file) {
 }
 
 TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
-  struct Row {
-    uint16_t type;
-    size_t layout;
-    Bytes record;
-  };
-  std::vector<Row> rows;
+  std::vector<std::tuple<uint16_t, size_t, Bytes>> rows;  // type, layout, record
   std::vector<std::string> texts;
   texts.reserve(40);
   mdf_group* g = open(path("m.mdf"), MDF_OPEN_CREATE, MDF_OPEN_CREATE);
@@ -166,7 +160,7 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
         texts.push_back(type % 2 ? std::string(80, char('A' + type + i)) : "t" + std::to_string(i));
         v.t[i] = texts.back().c_str();
       }
-      rows.push_back({type, l, record_of(kLayouts[l].places, v)});
+      rows.emplace_back(type, l, record_of(kLayouts[l].places, v));
       ASSERT_EQ(mdfChnCreate(&ch, g, 0, 8, MDF_DT_UINT, ("m" + std::to_string(type)).c_str()), 0);
       ASSERT_EQ(mdfChnSetGenInfo(ch, "replaced"), 0);
       ASSERT_EQ(set(ch, v), 0) << type;
@@ -195,20 +189,20 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
   const auto read = mdftest::read_file(path("m.mdf"));
   g = open(path("m.mdf"), MDF_OPEN_READ);
   for (size_t i = 0; i < rows.size(); ++i) {
-    const Row& row = rows[i];
-    SCOPED_TRACE(row.type);
+    const auto& [row_type, layout, record] = rows[i];
+    SCOPED_TRACE(row_type);
     // On disk: a block of 128 bytes holding the record's first 122 bytes.
     const auto& ext = read.channel_groups().at(0)->channels.at(i).extension;
     ASSERT_TRUE(ext.has_value());
     EXPECT_EQ(std::make_tuple(ext->block_size, ext->type, ext->record),
-              std::make_tuple(128, row.type, Bytes(row.record.begin(), row.record.end() - 6)));
+              std::make_tuple(128, row_type, Bytes(record.begin(), record.end() - 6)));
     // Only the layout's own getter takes the type, and none takes type 18.
     for (size_t l = 0; l < kLayouts.size(); ++l) {
       Fields got;
-      const bool own = l == row.layout && row.type != MDF_CE_SSC;
+      const bool own = l == layout && row_type != MDF_CE_SSC;
       EXPECT_EQ(kLayouts[l].get(open_channel(g, i + 1), got), own ? 0 : MDF_NO_MODULE_INFO) << l;
       if (own) {
-        EXPECT_EQ(record_of(kLayouts[l].places, got), row.record);
+        EXPECT_EQ(record_of(kLayouts[l].places, got), record);
       }
     }
   }

@@ -10,48 +10,42 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Converter = void (*)(void*);
 
-// IEEE numbers are little-endian.
-Bytes le(uint64_t bits, std::size_t size) {
+// `size` bytes of `v`: an IEEE number little-endian; a VAX number in 16-bit words, word 0 (the
+// top 16 bits of v) first, each word low byte first.
+Bytes bytes(uint64_t v, std::size_t size, bool vax) {
   Bytes b(size);
-  for (std::size_t i = 0; i < size; ++i) b[i] = static_cast<uint8_t>(bits >> (8 * i));
-  return b;
-}
-const auto f32 = [](uint32_t bits) { return le(bits, 4); };
-
-// A VAX number of `size` bytes from one integer whose top 16 bits are word 0: 16-bit words,
-// word 0 first, each word low byte first.
-Bytes vax(uint64_t v, std::size_t size) {
-  Bytes b;
-  for (std::size_t w = size / 2; w-- > 0;) {
-    b.push_back(static_cast<uint8_t>(v >> (16 * w)));
-    b.push_back(static_cast<uint8_t>(v >> (16 * w + 8)));
+  for (std::size_t i = 0; i < size; ++i) {
+    b[i] = static_cast<uint8_t>(v >> (vax ? 16 * (size / 2 - 1 - i / 2) + 8 * (i % 2) : 8 * i));
   }
   return b;
 }
 
-Bytes run(Converter convert, Bytes in) {
-  convert(in.data());
-  return in;
-}
-
-const Converter toF = mdfPCFloatToVAXFFloat, fromF = mdfVAXFFloatToPCFloat;
-const Converter toD = mdfPCDoubleToVAXDFloat, fromD = mdfVAXDFloatToPCDouble;
-const Converter toG = mdfPCDoubleToVAXGFloat, fromG = mdfVAXGFloatToPCDouble;
-const Converter dToG = mdfVAXDFloatToVAXGFloat, gToD = mdfVAXGFloatToVAXDFloat;
-
-// ---- Hand-worked cases -----------------------------------------------------------------------
+// A converter with its width and whether it reads and writes VAX words.
+struct Converter {
+  void (*convert)(void*);
+  std::size_t size;
+  bool vax_in, vax_out;
+};
+const Converter toF{mdfPCFloatToVAXFFloat, 4, false, true};
+const Converter fromF{mdfVAXFFloatToPCFloat, 4, true, false};
+const Converter toD{mdfPCDoubleToVAXDFloat, 8, false, true};
+const Converter fromD{mdfVAXDFloatToPCDouble, 8, true, false};
+const Converter toG{mdfPCDoubleToVAXGFloat, 8, false, true};
+const Converter fromG{mdfVAXGFloatToPCDouble, 8, true, false};
+const Converter dToG{mdfVAXDFloatToVAXGFloat, 8, true, true};
+const Converter gToD{mdfVAXGFloatToVAXDFloat, 8, true, true};
 
 TEST(Vax, HandWorkedCases) {
-  EXPECT_EQ(run(toF, f32(0x3F800000)), (Bytes{0x80, 0x40, 0x00, 0x00}));  // 1.0f and back
-  EXPECT_EQ(run(fromF, {0x80, 0x40, 0x00, 0x00}), f32(0x3F800000));
   // IEEE numbers as their bits, VAX numbers as one integer with word 0 on top.
   const struct {
-    Converter convert;
+    Converter c;
     uint64_t in, out;
   } cases[] = {
       // clang-format off
+      // 1.0f both ways; all-zero input is left unchanged by every converter.
+      {toF, 0x3F800000, 0x40800000}, {fromF, 0x40800000, 0x3F800000}, {toF, 0, 0}, {fromF, 0, 0},
+      {toD, 0, 0}, {fromD, 0, 0}, {toG, 0, 0}, {fromG, 0, 0}, {dToG, 0, 0}, {gToD, 0, 0},
       // Single to F: FLT_MIN has exponent 3; 2^127 = 0.1b*2^128 and the largest single are
       // too large, as are infinity and NaN; a denormal has no counterpart; -0 is 0.
       {toF, 0x00800000, 0x01800000}, {toF, 0x7F000000, 0x80000000}, {toF, 0x7F7FFFFF, 0x80000000},
@@ -91,18 +85,11 @@ TEST(Vax, HandWorkedCases) {
       {dToG, 0x4080000000000000, 0x4010000000000000},
       // clang-format on
   };
-  for (const auto& c : cases) {
-    const std::size_t size = c.convert == toF || c.convert == fromF ? 4 : 8;
-    const auto bytes = [&](uint64_t v, bool vax_words) {
-      return vax_words ? vax(v, size) : le(v, size);
-    };
-    const bool from_ieee = c.convert == toF || c.convert == toD || c.convert == toG;
-    const bool to_ieee = c.convert == fromF || c.convert == fromD || c.convert == fromG;
-    EXPECT_EQ(run(c.convert, bytes(c.in, !from_ieee)), bytes(c.out, !to_ieee)) << std::hex << c.in;
+  for (const auto& [c, in, out] : cases) {
+    Bytes b = bytes(in, c.size, c.vax_in);
+    c.convert(b.data());
+    EXPECT_EQ(b, bytes(out, c.size, c.vax_out)) << std::hex << in;
   }
-  // All-zero input is left unchanged by every converter.
-  for (Converter c : {toF, fromF}) EXPECT_EQ(run(c, Bytes(4)), Bytes(4));
-  for (Converter c : {toD, fromD, toG, fromG, dToG, gToD}) EXPECT_EQ(run(c, Bytes(8)), Bytes(8));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -14,40 +13,39 @@
 
 #include "korvel.h"
 #include "storage/layout.h"
+#include "support/mdf_builder.h"
 
 namespace {
 
 namespace cc = korvel::layout::cc;
 using Bytes = std::vector<uint8_t>;
 
-// Little-endian numbers of `n` bytes.
-void put(Bytes& b, uint32_t at, uint64_t v, int n) {
-  for (int i = 0; i < n; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
-void put_real(Bytes& b, uint32_t at, double v) {
-  put(b, at, std::bit_cast<uint64_t>(v), 8);
+// Numbers in host order, which is the file's (little-endian) on every system built for.
+template <class T>
+void put(Bytes& b, uint32_t at, T v) {
+  std::memcpy(b.data() + at, &v, sizeof v);
 }
 double get_real(const Bytes& b, uint32_t at) {
-  uint64_t bits = 0;
-  for (int i = 0; i < 8; ++i) bits |= uint64_t{b[at + i]} << (8 * i);
-  return std::bit_cast<double>(bits);
+  double v = 0;
+  std::memcpy(&v, b.data() + at, 8);
+  return v;
 }
 
 // A CC image of `size` bytes (46 + 8 per parameter when 0) with the stored entry count
 // `count`, followed by the 16-byte extra holding offset 0.0 and factor 1.0.
 Bytes make_cc(int type, int count, const std::vector<double>& params, uint32_t size = 0) {
   if (size == 0) size = cc::kSize + 8 * static_cast<uint32_t>(params.size());
-  Bytes b(size + cc::kExtra, 0);
-  b[0] = 'C';
-  b[1] = 'C';
-  put(b, 2, size, 2);
-  if (size >= cc::kType + 2) put(b, cc::kType, static_cast<uint16_t>(type), 2);
-  if (size >= cc::kCount + 2) put(b, cc::kCount, static_cast<uint16_t>(count), 2);
+  mdftest::Image b;
+  b.bytes.resize(size + cc::kExtra);
+  b.patch_chars(0, 2, "CC");
+  b.patch_u16(2, static_cast<uint16_t>(size));
+  if (size >= cc::kType + 2) b.patch_u16(cc::kType, static_cast<uint16_t>(type));
+  if (size >= cc::kCount + 2) b.patch_u16(cc::kCount, static_cast<uint16_t>(count));
   for (uint32_t k = 0; k < params.size() && cc::kParams + 8 * k + 8 <= size; ++k) {
-    put_real(b, cc::kParams + 8 * k, params[k]);
+    b.patch_f64(cc::kParams + 8 * k, params[k]);
   }
-  put_real(b, size + 8, 1.0);
-  return b;
+  b.patch_f64(size + 8, 1.0);
+  return b.bytes;
 }
 
 // Forward (raw in, physical out), inverse (physical in, raw out), or both ways.
@@ -184,36 +182,25 @@ TEST(ConversionTest, RulesBothWays) {
 }
 
 TEST(ConversionTest, NullAndUnsupportedRules) {
-  using Result = std::pair<int16_t, double>;
-  const auto fwd = [](Bytes* rule, double x) {
-    double y = -1;
-    const int16_t status = korvel::to_physical(rule ? rule->data() : nullptr, x, &y);
-    return Result(status, y);
-  };
-  const auto inv = [](const Bytes* rule, double y) {
-    double x = -1;
-    const int16_t status = korvel::to_raw(rule ? rule->data() : nullptr, y, &x);
-    return Result(status, x);
-  };
+  using R = std::pair<int16_t, double>;
+  double v = -1;
+  const auto got = [&v](int16_t status) { return R(status, v); };
   // No rule: the identity. Integers become doubles first, unsigned ones above 2^63 positive.
   Bytes lin = make_cc(MDF_CC_FRM_LIN, 2, {1, 2});
-  double v = 0;
-  EXPECT_EQ(fwd(nullptr, 3.25), Result(0, 3.25));
-  EXPECT_EQ(inv(nullptr, -2.5), Result(0, -2.5));
-  EXPECT_EQ(Result(korvel::to_physical_signed(nullptr, -7, &v), v), Result(0, -7));
-  EXPECT_EQ(Result(korvel::to_physical_signed(lin.data(), INT64_MIN, &v), v),
-            Result(0, -0x1p64 + 1));
-  EXPECT_EQ(Result(korvel::to_physical_unsigned(lin.data(), 1ull << 63, &v), v),
-            Result(0, 0x1p64 + 1));
+  EXPECT_EQ(got(korvel::to_physical(nullptr, 3.25, &v)), R(0, 3.25));
+  EXPECT_EQ(got(korvel::to_raw(nullptr, -2.5, &v)), R(0, -2.5));
+  EXPECT_EQ(got(korvel::to_physical_signed(nullptr, -7, &v)), R(0, -7));
+  EXPECT_EQ(got(korvel::to_physical_signed(lin.data(), INT64_MIN, &v)), R(0, -0x1p64 + 1));
+  EXPECT_EQ(got(korvel::to_physical_unsigned(lin.data(), 1ull << 63, &v)), R(0, 0x1p64 + 1));
   // Unknown types, and a block shorter than the common part: 1021, the value passes.
   const int16_t kRule = MDF_UNSUPPORTED_RULE;
   for (int type : {3, 4, 5, 13, 132, 133, 1000, 65534, -1}) {
     SCOPED_TRACE(type);
     Bytes rule = type < 0 ? make_cc(MDF_CC_FRM_LIN, 0, {}, 20) : make_cc(type, 2, {1.0, 2.0});
-    EXPECT_EQ(fwd(&rule, 6.5), Result(kRule, 6.5));
-    EXPECT_EQ(inv(&rule, 1.5), Result(kRule, 1.5));
-    EXPECT_EQ(Result(korvel::to_physical_signed(rule.data(), -3, &v), v), Result(kRule, -3));
-    EXPECT_EQ(Result(korvel::to_physical_unsigned(rule.data(), 11, &v), v), Result(kRule, 11));
+    EXPECT_EQ(got(korvel::to_physical(rule.data(), 6.5, &v)), R(kRule, 6.5));
+    EXPECT_EQ(got(korvel::to_raw(rule.data(), 1.5, &v)), R(kRule, 1.5));
+    EXPECT_EQ(got(korvel::to_physical_signed(rule.data(), -3, &v)), R(kRule, -3));
+    EXPECT_EQ(got(korvel::to_physical_unsigned(rule.data(), 11, &v)), R(kRule, 11));
   }
   // A text formula forward through the evaluator; a faulty one gives 0.0 and still succeeds.
   // It has no inverse.
@@ -221,8 +208,8 @@ TEST(ConversionTest, NullAndUnsupportedRules) {
     const auto length = static_cast<uint32_t>(std::strlen(text));
     Bytes rule = make_cc(MDF_CC_FRM_TXT, 0, {}, cc::kSize + length);
     std::memcpy(rule.data() + cc::kParams, text, length);
-    EXPECT_EQ(fwd(&rule, 3.0), Result(0, y)) << text;
-    EXPECT_EQ(inv(&rule, 7.0).first, kRule) << text;
+    EXPECT_EQ(got(korvel::to_physical(rule.data(), 3.0, &v)), R(0, y)) << text;
+    EXPECT_EQ(korvel::to_raw(rule.data(), 7.0, &v), kRule) << text;
   }
 }
 
@@ -232,10 +219,10 @@ Bytes make_vtabr(int n, uint32_t link) {
   uint32_t size = cc::kSize + cc::kVtabrEntry * static_cast<uint32_t>(n);
   Bytes b = make_cc(MDF_CC_FRM_VTABR, n, {}, size);
   for (uint32_t i = 0; i < static_cast<uint32_t>(n); ++i) {
-    put(b, cc::kParams + cc::kVtabrEntry * i + cc::kVtabrLink, i == 0 ? link : 1000 + i, 4);
+    put(b, cc::kParams + cc::kVtabrEntry * i + cc::kVtabrLink, i == 0 ? link : 1000 + i);
   }
-  put_real(b, size, 555.0);
-  put_real(b, size + 8, 666.0);
+  put(b, size, 555.0);
+  put(b, size + 8, 666.0);
   return b;
 }
 
@@ -285,13 +272,13 @@ TEST(ConversionTest, RangeTableAnnotations) {
   // Another rule type gets the defaults whatever the text says.
   // (Its P3 = 3.3 lies where entry 0's text link would be, and is not 0.)
   Bytes lin = make_cc(MDF_CC_FRM_LIN, 1, {1, 2, 3.3});
-  put_real(lin, cc::kSize + 24, 9.0);
+  put(lin, cc::kSize + 24, 9.0);
   korvel::derive_vtabr_extra(lin.data(), "{EVAL \"3*{X}\"}");
   EXPECT_EQ(get_real(lin, cc::kSize + 24), 0.0);
   EXPECT_EQ(get_real(lin, cc::kSize + 32), 1.0);
   // A count larger than the block: entry 0 is inside and counts, entry 1 is not read.
   Bytes b = make_vtabr(1, 77);
-  put(b, cc::kCount, 900, 2);
+  put(b, cc::kCount, uint16_t{900});
   korvel::derive_vtabr_extra(b.data(), "{EVAL \"4*{X}\"}");
   EXPECT_EQ(korvel::cc_extra_factor(b.data()), 4.0);
   EXPECT_EQ(korvel::vtabr_text_link(b.data(), 0), 77u);

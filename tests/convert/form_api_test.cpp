@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <tuple>
 
 #include "korvel.h"
 #include "support/mdf_builder.h"
+#include "support/mdf_reader.h"
 #include "support/scratch.h"
 
 namespace {
@@ -18,14 +20,17 @@ double real_at(const void* base, size_t index) {
 
 using mdftest::log_text;
 
+const char* const kFormulas[] = {"x*3 - 0x10", "1/(X-2)", "X +* 2"};
+
 // Channels 1..6 of one group: no rule, linear, table, verbal table, verbal range table, and
-// a verbal range table whose first text scales.
+// a verbal range table whose first text scales; 7..9 text formulas. Record x (0..5) holds x in
+// every byte.
 class FormApi : public mdftest::Session {
  protected:
   void SetUp() override {
     Session::SetUp();
     mdftest::FileModel f;
-    auto& cg = f.add_data_group().add_channel_group(8);
+    auto& cg = f.add_data_group().add_channel_group(9);
     cg.add_channel("plain", 0, 8, 0);
     cg.add_channel("lin", 8, 8, 0).conversion = mdftest::linear(1.0, 2.0, "km/h");
     cg.add_channel("tab", 16, 8, 0).conversion =
@@ -35,7 +40,11 @@ class FormApi : public mdftest::Session {
         {{0, 9, std::string("low")}, {10, 19, std::nullopt}, {20, 29, std::string("high")}});
     cg.add_channel("scaled", 40, 8, 0).conversion =
         mdftest::range_table({{0, 1, std::string("{LINEAR_CONV \"2.5*{X}-10\"}")}});
-    cg.add_record();
+    for (int c = 0; c < 3; ++c) {
+      cg.add_channel("f" + std::to_string(c), uint16_t(48 + 8 * c), 8, 0).conversion =
+          mdftest::formula(kFormulas[c]);
+    }
+    for (uint8_t x = 0; x < 6; ++x) cg.add_record().assign(9, x);
     group_ = mdftest::open_group(open_file(write(f)), 1);
   }
   channelnode* channel(uint16_t index) { return mdftest::open_channel(group_, index); }
@@ -69,86 +78,78 @@ TEST_F(FormApi, Getters) {
   EXPECT_EQ(std::make_tuple(type, offset, factor), std::make_tuple(MDF_CC_FRM_VTABR, -10.0, 2.5));
   ASSERT_EQ(mdfChnGetFormVTabR(channel(5), &type, &unit, &offset, &factor, &count, &points), 0);
   EXPECT_EQ(std::make_tuple(*count, offset, factor), std::make_tuple(uint16_t{3}, 0.0, 1.0));
-}
-
-TEST_F(FormApi, VerbalTexts) {
-  channelnode* vtabr = channel(5);
+  // Verbal range texts; a verbal table is read at the range-table stride: entry 0's "link"
+  // lies in the text of the first entry and is no block.
   const char* text = nullptr;
-  const struct {
-    uint16_t index;
-    const char* text;
-  } rows[] = {{0, "low"}, {1, ""}, {2, "high"}};
-  for (const auto& r : rows) {
-    ASSERT_EQ(mdfChnGetFormVTabText(vtabr, r.index, &text), 0);
-    EXPECT_STREQ(text, r.text);
+  const std::tuple<uint16_t, uint16_t, const char*> texts[] = {
+      {5, 0, "low"}, {5, 1, ""}, {5, 2, "high"}, {4, 0, ""}};
+  for (const auto& [ch, index, want] : texts) {
+    ASSERT_EQ(mdfChnGetFormVTabText(channel(ch), index, &text), 0);
+    EXPECT_STREQ(text, want);
   }
-  // A verbal table is read at the range-table stride: entry 0's "link" lies in the text of
-  // the first entry and is no block.
-  ASSERT_EQ(mdfChnGetFormVTabText(channel(4), 0, &text), 0);
-  EXPECT_STREQ(text, "");
   EXPECT_EQ(mdfGetErrorCode(), 0);
-
-  text = "x";
-  EXPECT_EQ(mdfChnGetFormVTabText(vtabr, 3, &text), MDF_VTAB_INDEX);
-  EXPECT_STREQ(text, "");
-  EXPECT_NE(log_text().find("index outside range of verbal conversion table (count=3)"),
-            std::string::npos);
-  EXPECT_EQ(mdfChnGetFormVTabText(channel(2), 0, &text), MDF_NOT_A_VTAB);
-  EXPECT_NE(log_text().find("not a verbal table (id=0)"), std::string::npos);
 }
 
 TEST_F(FormApi, WrongKindsAreRaised) {
-  using Call = int16_t (*)(channelnode*);
-  // Channel, call, status, log line. A refused call hands out no table, but the offset and
-  // factor of a range table before its check.
+  const uint16_t* count = nullptr;
+  const void* points = &count;
+  double offset = 0, factor = 0;
+  const char* text = "x";
+  const double pts[2] = {0, 0};
+  // Call, status, log line.
   // clang-format off
-  const struct { uint16_t channel; Call call; int16_t status; const char* logged; } cases[] = {
-      {2, [](channelnode* ch) {
-         const uint16_t* count = nullptr;
-         const void* points = &count;
-         const int16_t st = mdfChnGetFormTab(ch, nullptr, nullptr, &count, &points);
-         return static_cast<int16_t>(count == nullptr && points == nullptr ? st : 0);
-       }, MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
-      {3, [](channelnode* ch) { return mdfChnGetFormVTab(ch, nullptr, nullptr, nullptr, nullptr); },
+  const std::tuple<std::function<int16_t()>, int16_t, const char*> cases[] = {
+      {[&] { return mdfChnGetFormTab(channel(2), nullptr, nullptr, &count, &points); },
+       MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
+      {[&] { return mdfChnGetFormVTab(channel(3), nullptr, nullptr, nullptr, nullptr); },
        MDF_NOT_A_VTAB, "not a verbal table (id=1)"},
-      {4, [](channelnode* ch) {
-         double offset = 0, factor = 0;
-         const int16_t st = mdfChnGetFormVTabR(ch, nullptr, nullptr, &offset, &factor, nullptr, nullptr);
-         return static_cast<int16_t>(factor == 1.0 ? st : 0);
-       }, MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
-      {1, [](channelnode* ch) { return mdfChnGetFormTab(ch, nullptr, nullptr, nullptr, nullptr); },
+      {[&] { return mdfChnGetFormVTabR(channel(4), nullptr, nullptr, &offset, &factor, nullptr,
+                                       nullptr); },
+       MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
+      {[&] { return mdfChnGetFormTab(channel(1), nullptr, nullptr, nullptr, nullptr); },
        MDF_NO_FORMULA, "no formula found"},
-      {2, [](channelnode* ch) { return mdfChnSetForm(ch, 9, "u", 1.0); }, MDF_UNKNOWN_FORMULA,
+      {[&] { return mdfChnSetForm(channel(2), 9, "u", 1.0); }, MDF_UNKNOWN_FORMULA,
        "unknown formula type (id=9)"},
-      {2, [](channelnode* ch) {
-         const double pts[2] = {0, 0};
-         return mdfChnSetFormTab(ch, 3, "u", 1, pts);
-       }, MDF_UNKNOWN_FORMULA, "unknown formula type (id=3)"},
+      {[&] { return mdfChnSetFormTab(channel(2), 3, "u", 1, pts); }, MDF_UNKNOWN_FORMULA,
+       "unknown formula type (id=3)"},
+      {[&] { return mdfChnGetFormVTabText(channel(2), 0, &text); }, MDF_NOT_A_VTAB,
+       "not a verbal table (id=0)"},
+      {[&] { return mdfChnGetFormVTabText(channel(5), 3, &text); }, MDF_VTAB_INDEX,
+       "index outside range of verbal conversion table (count=3)"},
   };
   // clang-format on
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.logged);
-    EXPECT_EQ(c.call(channel(c.channel)), c.status);
-    EXPECT_NE(log_text().find(c.logged), std::string::npos);
+  for (const auto& [call, status, logged] : cases) {
+    SCOPED_TRACE(logged);
+    EXPECT_EQ(call(), status);
+    EXPECT_NE(log_text().find(logged), std::string::npos);
   }
+  // A refused call hands out no table and an empty text, but the offset and factor of a range
+  // table before its check.
+  EXPECT_EQ(std::make_tuple(count, points, factor, std::string(text)),
+            std::make_tuple(nullptr, nullptr, 1.0, ""));
   EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
 TEST_F(FormApi, SettingRules) {
-  using Set = int16_t (*)(channelnode*);
+  using Ch = channelnode*;
+  using Set = int16_t (*)(Ch);
   static const double pts[4] = {0, 1, 10, 11};
   // clang-format off
-  const struct { const char* what; Set set; uint16_t type; std::vector<double> params; } cases[] = {
-      {"linear", [](channelnode* ch) { return mdfChnSetFormLin(ch, "V", 0.5, 4.0); }, 0, {0.5, 4.0}},
-      {"variadic", [](channelnode* ch) { return mdfChnSetForm(ch, 0, "V", 3.0, -1.0); }, 0, {3.0, -1.0}},
-      {"polynomial", [](channelnode* ch) { return mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6); }, 6,
+  // A 20-character unit fills its field without a terminator.
+  const struct { const char* what; Set set; uint16_t type; std::vector<double> params;
+                 const char* unit = "V"; } cases[] = {
+      {"linear", [](Ch ch) { return mdfChnSetFormLin(ch, "V", 0.5, 4.0); }, 0, {0.5, 4.0}},
+      {"variadic", [](Ch ch) { return mdfChnSetForm(ch, 0, "V", 3.0, -1.0); }, 0, {3.0, -1.0}},
+      {"polynomial", [](Ch ch) { return mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6); }, 6,
        {1, 2, 3, 4, 5, 6}},
-      {"exponential", [](channelnode* ch) { return mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7); },
-       7, {1, 2, 3, 4, 5, 6, 7}},
-      {"logarithmic", [](channelnode* ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); },
-       8, {7, 6, 5, 4, 3, 2, 1}},
-      {"table", [](channelnode* ch) { return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts); }, 2,
+      {"exponential", [](Ch ch) { return mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7); }, 7,
+       {1, 2, 3, 4, 5, 6, 7}},
+      {"logarithmic", [](Ch ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); }, 8,
+       {7, 6, 5, 4, 3, 2, 1}},
+      {"table", [](Ch ch) { return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts); }, 2,
        {0, 1, 10, 11}},
+      {"long unit", [](Ch ch) { return mdfChnSetFormLin(ch, "abcdefghijklmnopqrstuvwxyz", 0, 1); },
+       0, {0, 1}, "abcdefghijklmnopqrst"},
   };
   // clang-format on
   for (const auto& c : cases) {
@@ -160,18 +161,44 @@ TEST_F(FormApi, SettingRules) {
     const void* params = nullptr;
     ASSERT_EQ(mdfChnGetForm(ch, &type, &unit, &params), 0);
     EXPECT_EQ(type, c.type);
-    EXPECT_STREQ(unit, "V");
+    EXPECT_EQ(std::string(unit, strnlen(unit, 20)), c.unit);
+    EXPECT_EQ(static_cast<const void*>(unit + 24), params);  // type and count lie between
     for (size_t k = 0; k < c.params.size(); ++k) EXPECT_EQ(real_at(params, k), c.params[k]);
     ASSERT_EQ(mdfChnClose(ch), 0);
   }
-  // A 20-character unit fills its field without a terminator.
-  channelnode* ch = channel(1);
-  ASSERT_EQ(mdfChnSetFormLin(ch, "abcdefghijklmnopqrstuvwxyz", 0, 1), 0);
-  const char* unit = nullptr;
-  const void* params = nullptr;
-  ASSERT_EQ(mdfChnGetForm(ch, nullptr, &unit, &params), 0);
-  EXPECT_EQ(std::string(unit, 20), "abcdefghijklmnopqrst");
-  EXPECT_EQ(static_cast<const void*>(unit + 24), params);  // type and count lie between
+}
+
+// Text formulas through the channel functions: one faulty at X = 2 and one that never parses
+// give 0 with status 0 (the evaluator's status is not passed on).
+TEST_F(FormApi, TextFormulasConvertRecordValuesAndAreReadUpperCased) {
+  for (size_t c = 0; c < 3; ++c) {
+    SCOPED_TRACE(kFormulas[c]);
+    channelnode* ch = channel(static_cast<uint16_t>(c + 7));
+    ASSERT_EQ(mdfGrpSeek(group_, 0, MDF_SEEK_ABS), 0);
+    for (int x = 0; x < 6; ++x) {
+      const double want[] = {x * 3 - 16.0, x == 2 ? 0.0 : 1.0 / (x - 2), 0.0};
+      double value = -99;
+      EXPECT_EQ(mdfChnReadPhy(&value, ch), 0) << x;
+      EXPECT_DOUBLE_EQ(value, want[c]) << x;
+    }
+  }
+  // A formula read twice gives the same value; reading it upper-cases its text in the block, so
+  // a copy of the rule written into another file holds the upper-cased text.
+  channelnode *ch = channel(7), *copy = nullptr;
+  ASSERT_EQ(mdfGrpSeek(group_, 4, MDF_SEEK_ABS), 0);
+  double first = 0, second = 0;
+  EXPECT_EQ(mdfChnGetPhy(&first, ch, 0), 0);
+  EXPECT_EQ(mdfChnGetPhy(&second, ch, 0), 0);
+  EXPECT_EQ(std::make_pair(first, second), std::make_pair(-4.0, -4.0));
+  mdf_file* target = open_file(path("copy.mdf"), MDF_OPEN_CREATE);
+  ASSERT_EQ(mdfChnDuplicate(&copy, mdftest::open_group(target, 1, MDF_OPEN_CREATE), ch), 0);
+  ASSERT_EQ(mdfFileClose(target), 0);
+  const auto read = mdftest::read_file(path("copy.mdf"));
+  ASSERT_TRUE(read.ok()) << read.error_text();
+  const auto& conversion = read.data_groups.at(0).channel_groups.at(0).channels.at(0).conversion;
+  ASSERT_TRUE(conversion.has_value());
+  EXPECT_EQ(conversion->formula, "X*3 - 0X10");
+  EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
 }  // namespace

@@ -5,8 +5,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "frame/frame.h"
 #include "korvel.h"
@@ -20,12 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using mdftest::FileModel;
-
-std::string slurp(const fs::path& path, std::streamoff from = 0) {
-  std::ifstream in(path, std::ios::binary);
-  in.seekg(from);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 class Dump : public ::testing::Test {
  protected:
@@ -51,22 +46,17 @@ class Dump : public ::testing::Test {
   }
   void TearDown() override { mdfClose(); }
   // The status of the dump and the part of the log it wrote.
-  std::pair<int16_t, std::string> dump(const char* name, uint32_t hex) {
-    const auto before = static_cast<std::streamoff>(fs::file_size("KORVEL.LOG"));
+  static std::pair<int16_t, std::string> dump(const char* name, uint32_t hex) {
+    const size_t before = mdftest::log_text().size();
     const int16_t status = mdfDump(name, hex);
-    std::string text = slurp("KORVEL.LOG", before);
-#ifdef _WIN32
-    // The log is a text file: Windows ends its lines with CR LF.
-    for (size_t at = 0; (at = text.find("\r\n", at)) != std::string::npos;) text.erase(at, 1);
-#endif
-    return {status, text};
+    return {status, mdftest::log_text().substr(before)};
   }
   void expect_ref(const char* name, uint32_t hex, const std::string& ref) {
     const auto [status, text] = dump(name, hex);
     EXPECT_EQ(status, 0) << ref;
     const fs::path path = fs::path(KORVEL_DUMP_REFS) / (ref + ".txt");
     if (std::getenv("KORVEL_UPDATE_REFS") != nullptr) std::ofstream(path, std::ios::binary) << text;
-    EXPECT_EQ(text, slurp(path)) << ref;
+    EXPECT_EQ(text, mdftest::slurp(path)) << ref;
   }
 };
 
@@ -127,16 +117,14 @@ FileModel every_kind_of_block() {
   return f;
 }
 
+// Every kind of block with and without hex; files without data groups in float formats 1
+// and 2 (the 17-byte program block shows the row split of the hex dump); the files of other
+// writers, dumped from copies (their references were reviewed once by hand).
 TEST_F(Dump, EveryKindOfBlockWithAndWithoutHex) {
   mdftest::write_file("all.mdf", mdftest::build(every_kind_of_block()).bytes);
+  std::vector<std::tuple<std::string, uint32_t, std::string>> refs = {{"all.mdf", 0, "all"},
+                                                                      {"all.mdf", 1, "all_hex"}};
   const uint16_t depth = korvel::state().context_depth;
-  expect_ref("all.mdf", 0, "all");
-  expect_ref("all.mdf", 1, "all_hex");
-  EXPECT_EQ(korvel::state().context_depth, depth + 2);  // each dump leaves its context open
-}
-
-TEST_F(Dump, FilesWithoutDataGroups) {
-  // Float formats 1 and 2; the 17-byte program block shows the row split of the hex dump.
   for (uint16_t format : {uint16_t{1}, uint16_t{2}}) {
     FileModel f;
     f.id.float_format = format;
@@ -144,20 +132,17 @@ TEST_F(Dump, FilesWithoutDataGroups) {
     mdftest::write_file("empty.mdf", mdftest::build(f).bytes);
     expect_ref("empty.mdf", format - 1u, "empty_" + std::to_string(format));
   }
-}
-
-TEST_F(Dump, SampleFiles) {
-  // Files of other writers, dumped from copies; the references were reviewed once by hand.
-  int dumped = 0;
   for (const auto& entry : fs::directory_iterator(KORVEL_SAMPLES_DIR)) {
     if (entry.path().extension() != ".mdf") continue;
-    const std::string file = entry.path().filename().string();
     mdftest::copy_writable(entry.path(), ".");
-    expect_ref(file.c_str(), 0, "samples/" + entry.path().stem().string());
-    expect_ref(file.c_str(), 1, "samples/" + entry.path().stem().string() + "_hex");
-    ++dumped;
+    const std::string file = entry.path().filename().string();
+    refs.emplace_back(file, 0, "samples/" + entry.path().stem().string());
+    refs.emplace_back(file, 1, "samples/" + entry.path().stem().string() + "_hex");
   }
-  EXPECT_GT(dumped, 0);
+  ASSERT_GT(refs.size(), 2u);
+  for (const auto& [file, hex, ref] : refs) expect_ref(file.c_str(), hex, ref);
+  // Each dump leaves its context open.
+  EXPECT_EQ(korvel::state().context_depth, depth + 2 + refs.size());
 }
 
 TEST_F(Dump, RefusedFilesGiveTheOpenStatusAndPrintNothing) {
