@@ -44,7 +44,8 @@ int exit_code(int status) {
   return status;
 }
 std::string text(std::string s) {
-  return std::erase(s, '\r'), s;
+  std::erase(s, '\r');
+  return s;
 }
 #else
 const char* const kCd = "cd \"";
