@@ -1,7 +1,6 @@
 // Array reads against the per-value functions: a table of layouts (data types, bit positions,
 // byte orders) times conversion rules, in sorted and unsorted data groups, and the
-// several-channel functions against the one-channel ones there; the range edges, damaged data
-// sections.
+// several-channel functions against the one-channel ones there; the range edges.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -295,35 +294,6 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOneAndBadArgumentsAreRe
       EXPECT_EQ(mdfChnReadBytesArray(bytes, 1, nullptr, ch, 0, 2), MDF_ERR_FATAL);
     }
     EXPECT_EQ(mdfChnReadPhyArray(v, nullptr, ch, 0, 1), MDF_ERR_FATAL);
-  }
-}
-
-TEST_F(BulkRead, DamagedRecordsEndTheReadWhereThePerValueReadFails) {
-  // Identifiers, bytes taken off the end of the file, an unknown identifier before the
-  // group's 7th record.
-  const std::tuple<const char*, uint16_t, size_t, bool> damages[] = {
-      {"unknown id, unsorted", 2, 0, true},
-      {"cut inside the last record", 2, 1, false},
-      {"cut, sorted", 0, 5, false}};
-  for (const auto& [name, ids, cut, unknown_id] : damages) {
-    SCOPED_TRACE(name);
-    auto built = mdftest::build(counting(ids));
-    if (unknown_id) built.patch_u8(built.data_groups[0].channel_groups[0].records[6], 0x77);
-    // The data section ends the file when the data groups' records come last.
-    ASSERT_EQ(built.data_groups[0].data + built.data_groups[0].data_size, built.size());
-    built.truncate(built.size() - cut);
-    // The per-value reads first: how many records can be read before a failure.
-    mdf_group* g = nullptr;
-    first_channel(built, &g);
-    uint32_t readable = 0;
-    int16_t failure = 0;
-    while ((failure = mdfGrpSeek(g, static_cast<int32_t>(readable), MDF_SEEK_ABS)) == 0) ++readable;
-    channelnode* ch = first_channel(built);
-    std::vector<double> v(10);
-    uint32_t done = 0;
-    EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, 0, 10), failure);
-    EXPECT_EQ(done, readable);
-    for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * i);
   }
 }
 
