@@ -209,9 +209,8 @@ TEST_F(GroupTime, SeekTimeBeyondTwoToThe31Records) {
   auto& cg = f.add_data_group().add_channel_group(1);
   cg.add_channel("t", 0, 8, 0, MDF_CHN_TIME);
   cg.add_record();
-  auto built = mdftest::build(f);
-  built.patch_u32(built.data_groups[0].channel_groups[0].offset + mdftest::off::cg_record_count,
-                  kCount);
+  cg.record_count = kCount;
+  const auto built = mdftest::build(f);
   write(built);
   {
     // Writing the last record's byte past the end leaves a hole of zeros.
