@@ -1,11 +1,11 @@
 // Array reads against the per-value functions: a table of layouts (data types, bit positions,
-// byte orders) times conversion rules, in sorted and unsorted data groups, the range edges,
-// damaged data sections; the several-channel functions on every group of every sample.
+// byte orders) times conversion rules, in sorted and unsorted data groups, and the
+// several-channel functions against the one-channel ones there; the range edges.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -83,9 +83,11 @@ class BulkRead : public mdftest::Session {
   }
 };
 
-// Every record read both ways for one kind of value: the same statuses and the same bits.
+// Every record read both ways for one kind of value: the same statuses and the same bits. A
+// type the decoders refuse reads nothing, and so does any failure of a raw bytes read.
 template <class T, class Handle, class Single, class Array>
-void compare(mdf_group* g, Handle* ch, uint32_t records, Single single, Array array) {
+void compare(mdf_group* g, Handle* ch, uint32_t records, Single single, Array array,
+             bool raw_bytes = false) {
   std::vector<T> expected(records);
   int16_t expected_status = 0;
   for (uint32_t r = 0; r < records; ++r) {
@@ -96,19 +98,17 @@ void compare(mdf_group* g, Handle* ch, uint32_t records, Single single, Array ar
   }
   // The cursor rests on a record in the middle; it stays there.
   ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(records / 2), MDF_SEEK_ABS), 0);
-  std::vector<T> got(records + 3, T{});
+  std::vector<T> got(records + 3);
+  std::memset(got.data(), 0xEE, got.size() * sizeof(T));
   uint32_t done = 99;
   const int16_t st = array(got.data(), &done, ch, 0u, records + 3);
   uint32_t at = 0;
   EXPECT_EQ(mdfGrpTell(&at, g), 0);
   EXPECT_EQ(at, records / 2);
-  if (expected_status == MDF_UNSUPPORTED_TYPE) {
-    EXPECT_EQ(std::make_pair(st, done), std::make_pair(expected_status, 0u));
-    return;
-  }
   EXPECT_EQ(st, expected_status == 0 ? MDF_END_OF_GROUP : expected_status);
-  ASSERT_EQ(done, records);
-  for (uint32_t r = 0; r < records; ++r)
+  const bool refused = expected_status == MDF_UNSUPPORTED_TYPE || (raw_bytes && expected_status);
+  ASSERT_EQ(done, refused ? 0u : records);
+  for (uint32_t r = 0; r < done; ++r)
     ASSERT_EQ(std::memcmp(&got[r], &expected[r], sizeof(T)), 0) << "record " << r;
 }
 
@@ -126,21 +126,17 @@ void compare_channel(mdf_group* g, channelnode* ch, uint32_t records) {
   uint16_t bits = 0;
   ASSERT_EQ(mdfChnGetBits(ch, &bits), 0);
   if (bits > 64) return;
-  std::vector<uint8_t> slots(records * 9, 0xEE);
-  uint32_t done = 0;
-  const int16_t st = mdfChnReadBytesArray(slots.data(), 9, &done, ch, 0, records);
-  for (uint32_t r = 0; r < records; ++r) {
-    uint8_t one[9] = {};  // what the single read leaves untouched stays zero
-    uint32_t length = 9;
-    ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(r), MDF_SEEK_ABS), 0);
-    const int16_t single = mdfChnGetData(one, &length, ch, 0);
-    ASSERT_EQ(st, single);
-    if (single != 0) {
-      EXPECT_EQ(done, 0u);
-      return;
-    }
-    ASSERT_EQ(0, std::memcmp(one, slots.data() + r * 9, 9)) << "record " << r;
-  }
+  using Slot = std::array<uint8_t, 9>;  // zero-padded by both
+  compare<Slot>(
+      g, ch, records,
+      [](Slot* v, channelnode* c) {
+        uint32_t length = 9;
+        return mdfChnGetData(v->data(), &length, c, 0);
+      },
+      [](Slot* v, uint32_t* done, channelnode* c, uint32_t first, uint32_t count) {
+        return mdfChnReadBytesArray(v->data(), 9, done, c, first, count);
+      },
+      true);
 }
 
 void compare_group(mdf_file* file, uint16_t number, uint32_t records) {
@@ -158,6 +154,55 @@ void compare_group(mdf_file* file, uint16_t number, uint32_t records) {
       g, g, records, [](double* v, mdf_group* grp) { return mdfGrpGetTime(v, grp); },
       mdfGrpReadTimeArray);
   ASSERT_EQ(mdfGrpClose(g), 0);
+}
+
+// The several-channel functions on group 1 against the one-channel ones: channels opened one
+// past the last, names in slots of 33 bytes, the numeric channels read at the range's edges;
+// channels of two groups in one read are refused, a sticky failure. (The Python sample tests
+// compare the info arrays with reference data, and whole groups with the one-channel reads, on
+// every sample.)
+void compare_several(mdf_file* file, uint32_t records, bool two_groups) {
+  mdf_group* g = mdftest::open_group(file, 1);
+  uint16_t n = 0;
+  ASSERT_EQ(mdfGrpChannels(&n, g), 0);
+  std::vector<channelnode*> many(n + 1u, nullptr);
+  EXPECT_EQ(mdfGrpOpenChannels(many.data(), g, 1, static_cast<uint16_t>(n + 1)),
+            MDF_CHANNEL_NOT_FOUND);
+  EXPECT_EQ(many[n], nullptr);         // the missing slot NULL, the others open
+  std::vector<uint16_t> info(3u * n);  // types, bits, value types
+  std::vector<char> names(33u * n, 'x');
+  ASSERT_EQ(mdfChnGetInfoArrays(info.data(), &info[n], &info[2u * n], names.data(), many.data(), n),
+            0);
+  std::vector<channelnode*> numeric;
+  for (uint16_t c = 0; c < n; ++c) {
+    EXPECT_STREQ(&names[33u * c], ("c" + std::to_string(c)).c_str());
+    EXPECT_EQ(names[33u * c + 32], '\0');
+    const uint16_t v = info[2u * n + c];
+    // In reverse: the last row, the first channel, reads every record, and gives `done`.
+    if (v != MDF_DT_STRING && v != MDF_DT_BYTES) numeric.insert(numeric.begin(), many[c]);
+  }
+  const auto k = static_cast<uint16_t>(numeric.size());
+  // Whole group, the last record with one beyond, and a start past the end.
+  const uint32_t ranges[][2] = {{0, records}, {records - 1, 2}, {records, 3}};
+  for (const auto& [first, count] : ranges) {
+    std::vector<double> rows(std::size_t{k} * count, -1.0), expect(count, -1.0);
+    uint32_t done = 99;
+    const int16_t st = mdfChnReadPhyArrays(rows.data(), &done, numeric.data(), k, first, count);
+    int16_t want_status = 0;
+    uint32_t want_done = 0;
+    for (uint16_t c = 0; c < k; ++c) {
+      const int16_t s = mdfChnReadPhyArray(expect.data(), &want_done, numeric[c], first, count);
+      if (want_status == 0 || (want_status == 1 && s != 0)) want_status = s;
+      EXPECT_EQ(std::memcmp(&rows[std::size_t{c} * count], expect.data(), want_done * 8), 0)
+          << "channel " << c << " from " << first;
+    }
+    EXPECT_EQ(std::make_pair(st, done), std::make_pair(want_status, want_done)) << first;
+  }
+  if (two_groups) {
+    channelnode* mixed[2] = {many[0], mdftest::open_channel(mdftest::open_group(file, 2), 1)};
+    double out[2] = {};
+    EXPECT_EQ(mdfChnReadPhyArrays(out, nullptr, mixed, 2, 0, 1), MDF_ERR_FATAL);
+  }
 }
 
 TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGroups) {
@@ -187,8 +232,9 @@ TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGrou
     }
     mdf_file* file = open_file(write(f));
     compare_group(file, 1, kRecords);
-    ASSERT_EQ(mdfFileClose(file), 0);
     if (HasFatalFailure()) return;
+    compare_several(file, kRecords, c.second_group);
+    restart();
   }
 }
 
@@ -208,9 +254,12 @@ mdftest::FileModel counting(uint16_t ids) {
   return f;
 }
 
-TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
+// The range's edges, and the refusals of arguments: each refused read is sticky (the sorted
+// group has nowhere to put the values, the unsorted one a slot narrower than its 2-byte field).
+TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOneAndBadArgumentsAreRefused) {
   for (uint16_t ids : {uint16_t{0}, uint16_t{2}}) {
-    channelnode* ch = first_channel(mdftest::build(counting(ids)));
+    mdf_group* g = nullptr;
+    channelnode* ch = first_channel(mdftest::build(counting(ids)), &g);
     struct Edge {
       uint32_t first, count;
       int16_t status;
@@ -223,7 +272,9 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
                    std::to_string(e.count));
       std::vector<double> v(e.count + 1, -7.0);
       uint32_t done = 77;
-      EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, e.first, e.count), e.status);
+      // Nothing asked, nothing needed: no place for the values.
+      double* out = e.count == 0 ? nullptr : v.data();
+      EXPECT_EQ(mdfChnReadPhyArray(out, &done, ch, e.first, e.count), e.status);
       EXPECT_EQ(done, e.done);
       for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * (e.first + i));
       EXPECT_EQ(v[done], -7.0);  // nothing beyond what was read
@@ -234,135 +285,16 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOne) {
       ASSERT_EQ(mdfChnReadHexIntArray(&raw, nullptr, ch, r, 1), 0);
       EXPECT_EQ(raw, r);
     }
-  }
-}
-
-TEST_F(BulkRead, BadArgumentsAndHandles) {
-  const auto file = mdftest::build(counting(0));
-  mdf_group* g = nullptr;
-  uint32_t done = 5;
-  double v[2];
-  uint8_t bytes[4];
-  channelnode* ch = first_channel(file);
-  EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, ch, 0, 0), 0);  // nothing asked, nothing needed
-  EXPECT_EQ(mdfChnReadPhyArray(v, &done, nullptr, 0, 1), MDF_ERR_BAD_CHANNEL);
-  EXPECT_EQ(done, 0u);
-  first_channel(file, &g);
-  EXPECT_EQ(mdfGrpReadTimeArray(v, &done, g, 0, 1), MDF_NO_TIME_CHANNEL);
-  // A slot narrower than the 2-byte field is refused, and the error sticks.
-  ch = first_channel(file);
-  EXPECT_EQ(mdfChnReadBytesArray(bytes, 1, &done, ch, 0, 2), MDF_ERR_FATAL);
-  EXPECT_EQ(mdfChnReadPhyArray(v, &done, ch, 0, 1), MDF_ERR_FATAL);
-  EXPECT_EQ(mdfChnReadPhyArray(nullptr, &done, first_channel(file), 0, 1), MDF_ERR_FATAL);
-}
-
-TEST_F(BulkRead, DamagedRecordsEndTheReadWhereThePerValueReadFails) {
-  // Identifiers, bytes taken off the end of the file, an unknown identifier before the
-  // group's 7th record.
-  const std::tuple<const char*, uint16_t, size_t, bool> damages[] = {
-      {"unknown id, unsorted", 2, 0, true},
-      {"cut inside the last record", 2, 1, false},
-      {"cut, sorted", 0, 5, false}};
-  for (const auto& [name, ids, cut, unknown_id] : damages) {
-    SCOPED_TRACE(name);
-    auto built = mdftest::build(counting(ids));
-    if (unknown_id) built.patch_u8(built.data_groups[0].channel_groups[0].records[6], 0x77);
-    // The data section ends the file when the data groups' records come last.
-    ASSERT_EQ(built.data_groups[0].data + built.data_groups[0].data_size, built.size());
-    built.truncate(built.size() - cut);
-    // The per-value reads first: how many records can be read before a failure.
-    mdf_group* g = nullptr;
-    first_channel(built, &g);
-    uint32_t readable = 0;
-    int16_t failure = 0;
-    while ((failure = mdfGrpSeek(g, static_cast<int32_t>(readable), MDF_SEEK_ABS)) == 0) ++readable;
-    channelnode* ch = first_channel(built);
-    std::vector<double> v(10);
-    uint32_t done = 0;
-    EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, 0, 10), failure);
-    EXPECT_EQ(done, readable);
-    for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * i);
-  }
-}
-
-// The functions that serve several channels in one call against the one-channel functions,
-// and the one-channel array reads against the per-value reads, over every group of every
-// sample file (sorted and unsorted), with the range's edges.
-TEST_F(BulkRead, SeveralChannelsAtOnceAsTheOneChannelFunctionsOnEverySample) {
-  int groups_seen = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(KORVEL_SAMPLES_DIR)) {
-    if (entry.path().extension() != ".mdf") continue;
-    restart();
-    mdf_file* f = open_file(entry.path().string());
-    uint16_t group_count = 0;
-    ASSERT_EQ(mdfFileGroups(&group_count, f), 0);
-    for (uint16_t gi = 1; gi <= group_count; ++gi, ++groups_seen) {
-      SCOPED_TRACE(entry.path().filename().string() + " group " + std::to_string(gi));
-      mdf_group* g = mdftest::open_group(f, gi);
-      uint16_t n = 0;
-      uint32_t records = 0;
-      ASSERT_EQ(mdfGrpChannels(&n, g), 0);
-      ASSERT_EQ(mdfGrpRecords(&records, g), 0);
-      std::vector<channelnode*> many(n + 1u, nullptr);
-      // One past the last channel: 1002, the missing slot NULL, the others open.
-      EXPECT_EQ(mdfGrpOpenChannels(many.data(), g, 1, static_cast<uint16_t>(n + 1)),
-                MDF_CHANNEL_NOT_FOUND);
-      EXPECT_EQ(many[n], nullptr);
-      std::vector<uint16_t> info(3u * n);  // types, bits, value types
-      std::vector<char> names(33u * n, 'x');
-      ASSERT_EQ(
-          mdfChnGetInfoArrays(info.data(), &info[n], &info[2u * n], names.data(), many.data(), n),
-          0);
-      std::vector<channelnode*> numeric;
-      for (uint16_t c = 0; c < n; ++c) {
-        uint16_t t = 0, b = 0, v = 0;
-        const char* name = nullptr;
-        ASSERT_EQ(
-            mdfChnGetInfo(mdftest::open_channel(g, c + 1u), &t, &b, &v, &name, nullptr, nullptr),
-            0);
-        EXPECT_EQ(std::make_tuple(info[c], info[n + c], info[2u * n + c]),
-                  std::make_tuple(t, b, v));
-        EXPECT_STREQ(&names[33u * c], name);
-        EXPECT_EQ(names[33u * c + 32], '\0');
-        if (v != MDF_DT_STRING && v != MDF_DT_BYTES) numeric.push_back(many[c]);
-      }
-      // Whole group, the last record with one beyond, and a start past the end.
-      const uint32_t ranges[][2] = {{0, records}, {records > 0 ? records - 1 : 0, 2}, {records, 3}};
-      for (const auto& [first, count] : ranges) {
-        const auto k = static_cast<uint16_t>(numeric.size());
-        std::vector<double> rows(std::size_t{k} * count, -1.0), expect(count, -1.0);
-        uint32_t done = 99;
-        const int16_t st = mdfChnReadPhyArrays(rows.data(), &done, numeric.data(), k, first, count);
-        int16_t want_status = 0;
-        uint32_t want_done = 0;
-        for (uint16_t c = 0; c < k; ++c) {
-          const int16_t s = mdfChnReadPhyArray(expect.data(), &want_done, numeric[c], first, count);
-          if (want_status == 0 || (want_status == 1 && s != 0)) want_status = s;
-          EXPECT_EQ(std::memcmp(&rows[std::size_t{c} * count], expect.data(), want_done * 8), 0)
-              << "channel " << c << " from " << first;
-          // The one-channel array read against the per-value read, record by record.
-          for (uint32_t r = 0; r < want_done; ++r) {
-            double single = 0;
-            ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(first + r), MDF_SEEK_ABS), 0);
-            ASSERT_EQ(mdfChnGetPhy(&single, numeric[c], 0), 0);
-            EXPECT_EQ(std::memcmp(&single, &expect[r], 8), 0) << c << " record " << first + r;
-          }
-        }
-        EXPECT_EQ(st, want_status) << first;
-        if (k > 0) {
-          EXPECT_EQ(done, want_done) << first;
-        }
-      }
+    double v[2];
+    uint8_t bytes[4];
+    EXPECT_EQ(mdfGrpReadTimeArray(v, nullptr, g, 0, 1), MDF_NO_TIME_CHANNEL);
+    if (ids == 0) {
+      EXPECT_EQ(mdfChnReadPhyArray(nullptr, nullptr, ch, 0, 1), MDF_ERR_FATAL);
+    } else {
+      EXPECT_EQ(mdfChnReadBytesArray(bytes, 1, nullptr, ch, 0, 2), MDF_ERR_FATAL);
     }
-    // Channels of two groups in one read: refused.
-    if (group_count >= 2) {
-      channelnode* mixed[2] = {mdftest::open_channel(mdftest::open_group(f, 1), 1),
-                               mdftest::open_channel(mdftest::open_group(f, 2), 1)};
-      double out[2] = {};
-      EXPECT_EQ(mdfChnReadPhyArrays(out, nullptr, mixed, 2, 0, 1), MDF_ERR_FATAL);
-    }
+    EXPECT_EQ(mdfChnReadPhyArray(v, nullptr, ch, 0, 1), MDF_ERR_FATAL);
   }
-  EXPECT_GE(groups_seen, 4);
 }
 
 }  // namespace

@@ -198,32 +198,50 @@ TEST_F(GroupApi, DeletingGroups) {
             std::make_tuple(1, 2, 1, 3));
 }
 
+// Damaged data sections: group 1 reads records by seeks up to the damage, which gives its
+// status (negative: sticky); an array read in a fresh session ends at the same record with the
+// same status.
 TEST_F(GroupApi, DamagedDataSections) {
   using Built = mdftest::Built;
   const auto cg0 = [](Built& b) { return b.data_groups[0].channel_groups[0].offset; };
-  // Damage, record sought, its status.
-  const std::tuple<const char*, std::function<void(Built&)>, int32_t, int16_t> cases[] = {
-      {"unknown record id",
-       [](Built& b) { b.patch_u8(b.data_groups[0].channel_groups[1].records[0], 9); }, 3,
+  // Damage, record ids, the records readable, the status of the next.
+  using Damage = std::function<void(Built&)>;
+  const std::tuple<const char*, uint16_t, Damage, uint32_t, int16_t> cases[] = {
+      {"unknown record id", 1,
+       [](Built& b) { b.patch_u8(b.data_groups[0].channel_groups[1].records[0], 9); }, 1,
        MDF_ERR_FORMAT},
-      {"records cut off", [](Built& b) { b.truncate(b.size() - 3); }, 4, MDF_ERR_FORMAT},
-      {"more records declared than present",
-       [&](Built& b) { b.patch_u32(cg0(b) + mdftest::off::cg_record_count, 9); }, 7,
+      {"records cut off", 1, [](Built& b) { b.truncate(b.size() - 3); }, 4, MDF_ERR_FORMAT},
+      {"records cut off, sorted: the group ends before", 0,
+       [](Built& b) { b.truncate(b.size() - 1); }, 2, MDF_END_OF_GROUP},
+      {"more records declared than present", 1,
+       [&](Built& b) { b.patch_u32(cg0(b) + mdftest::off::cg_record_count, 9); }, 5,
        MDF_ERR_FORMAT},
-      {"data position beyond the end: no records",
+      {"data position beyond the end: no records", 1,
        [](Built& b) { b.patch_u32(b.data_groups[0].offset + mdftest::off::dg_data, 0x7FFFFFF0u); },
        0, MDF_END_OF_GROUP},
   };
-  for (const auto& [what, damage, seek_to, status] : cases) {
+  for (const auto& [what, ids, damage, readable, status] : cases) {
     SCOPED_TRACE(what);
     restart();
-    auto f = interleaved(1);
+    auto f = interleaved(ids);
     f.data_at_end = true;
     auto built = mdftest::build(f);
     damage(built);
-    mdf_group* g = open_group(open_file(write(built)), 1);
-    EXPECT_EQ(mdfGrpSeek(g, seek_to, MDF_SEEK_ABS), status);
-    EXPECT_EQ(mdfGetErrorCode(), status < 0 ? status : 0);
+    const auto in = write(built);
+    mdf_group* g = open_group(open_file(in), 1);
+    uint32_t k = 0;
+    int16_t st = 0;
+    while ((st = mdfGrpSeek(g, static_cast<int32_t>(k), MDF_SEEK_ABS)) == 0) ++k;
+    EXPECT_EQ(std::make_tuple(k, st, mdfGetErrorCode()),
+              std::make_tuple(readable, status, int16_t(status < 0 ? status : 0)));
+    restart();
+    channelnode* ch = nullptr;
+    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, open_file(in), 1, 0), 0);
+    std::vector<double> v(9);
+    uint32_t done = 99;
+    EXPECT_EQ(mdfChnReadPhyArray(v.data(), &done, ch, 0, 9), status);
+    ASSERT_EQ(done, readable);
+    for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 3.0 * i) << i;
   }
 }
 
@@ -352,8 +370,8 @@ TEST_F(GroupApi, AGrownRecordReachesEveryHandleOnItsChannelGroup) {
 }
 
 // Appended records collect in the file's write buffer (more of them here than it holds): a
-// record rewritten between appends lands in its place, and another group handle, the
-// reopened file and the bytes on disk all see the same records.
+// record rewritten between appends lands in its place, and another group handle and the
+// reopened file see the same records; on disk the count and the last identifier byte.
 TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
   constexpr uint32_t kRecords = 240000;  // 5 bytes each with the identifier: 1.2 MB
   // Records appended before a rewrite, the record rewritten.
@@ -377,13 +395,10 @@ TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
     ASSERT_EQ(mdfGrpWriteAppend(g), 0);
     expected.push_back(k);
   }
-  const auto value = [](const Bytes& bytes) {
-    return static_cast<uint32_t>(mdftest::get_bits(bytes, 0, 32));
-  };
   const auto read_all = [&](mdf_group* r, uint32_t count) {
     for (uint32_t k = 0; k < count; ++k) {
       ASSERT_EQ(mdfGrpSeek(r, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
-      ASSERT_EQ(value(current(r)), expected[k]) << k;
+      ASSERT_EQ(mdftest::get_bits(current(r), 0, 32), expected[k]) << k;
     }
   };
   read_all(open_group(file, 1), kRecords);
@@ -392,9 +407,7 @@ TEST_F(GroupApi, BufferedAppendsAndRewritesReachEveryReader) {
   read_all(open_group(open_file(p), 1), kRecords - 1);
   const auto r = mdftest::read_file(p);
   ASSERT_TRUE(r.ok()) << r.error_text();
-  const auto& records = r.data_groups.at(0).channel_groups.at(0).records;
-  ASSERT_EQ(records.size(), kRecords - 1);
-  for (uint32_t k = 0; k < kRecords - 1; ++k) ASSERT_EQ(value(records[k]), expected[k]) << k;
+  EXPECT_EQ(r.data_groups.at(0).channel_groups.at(0).record_count, kRecords - 1);
   EXPECT_EQ(r.bytes[r.data_groups[0].data_link + 5 * (kRecords - 1)], 1);  // the last id byte
 }
 
