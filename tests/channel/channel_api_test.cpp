@@ -745,7 +745,7 @@ mdftest::FileModel duplicate_source() {
   auto& old = cg.add_channel("old_style", 88, 16, MDF_DT_INT_BE);
   std::tie(old.block_size, old.comment, old.conversion) =
       std::make_tuple(218, "$Longname: OldLong\n$Displayname: OldDisplay",
-                      mdftest::polynomial({1, 2, 3, 4, 5, 6}, "p"));
+                      mdftest::params(mdftest::cc::polynomial, {1, 2, 3, 4, 5, 6}, "p"));
   auto& text = cg.add_channel("text", 104, 32, MDF_DT_STRING);
   std::tie(text.range_valid, text.min, text.max) = std::make_tuple(uint16_t{1}, -1.0, 1.0);
   return f;

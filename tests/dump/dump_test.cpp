@@ -94,7 +94,7 @@ FileModel every_kind_of_block() {
                     {},
                     "Another long name",
                     "Display",
-                    mdftest::identity(std::string(20, 'U'))}};
+                    mdftest::params(mdftest::cc::identity, {}, std::string(20, 'U'))}};
   auto& slow = dg1.add_channel_group(2, 2);
   slow.comment = "Slow group";
   auto short_ce = mdftest::extension(1, counting(122));

@@ -41,16 +41,16 @@ std::vector<Layout> layouts() {
 std::vector<mdftest::ConversionPtr> rules() {
   return {nullptr,
           mdftest::linear(-3.5, 0.25),
-          mdftest::polynomial({1.0, 2.0, 0.5, -0.25, 3.0, 7.0}),
-          mdftest::rational({0.5, -1.0, 2.0, 0.0, 1.0, 0.0}),
+          mdftest::params(mdftest::cc::polynomial, {1.0, 2.0, 0.5, -0.25, 3.0, 7.0}),
+          mdftest::params(mdftest::cc::rational, {0.5, -1.0, 2.0, 0.0, 1.0, 0.0}),
           mdftest::table(true, {{-100.0, 1.0}, {0.0, 5.0}, {1e6, -2.0}}),
           mdftest::table(false, {{-100.0, 1.0}, {0.0, 5.0}, {1e6, -2.0}}),
-          mdftest::exponential({1.0, 2.0, 3.0, 0.0, 0.0, 1.0, 0.5}),
-          mdftest::logarithmic({0.0, 0.0, 1.0, 2.0, 0.5, 1.0, 0.0}),
+          mdftest::params(mdftest::cc::exponential, {1.0, 2.0, 3.0, 0.0, 0.0, 1.0, 0.5}),
+          mdftest::params(mdftest::cc::logarithmic, {0.0, 0.0, 1.0, 2.0, 0.5, 1.0, 0.0}),
           mdftest::formula("X*2+1"),
           mdftest::verbal_table({{1.0, "one"}}),
           mdftest::range_table({{0.0, 0.0, "{LINEAR_CONV \"2*{X}+1\"}"}, {0.0, 5.0, "low"}}),
-          mdftest::identity(),
+          mdftest::params(mdftest::cc::identity, {}),
           mdftest::raw_conversion(99, 0, {})};
 }
 

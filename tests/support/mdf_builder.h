@@ -127,26 +127,10 @@ struct Conversion : ConversionFields {
 using ConversionPtr = std::shared_ptr<Conversion>;
 
 // Factories; the result may be assigned to several channels, which then share one CC block.
-// A rule of parameters: linear (P1 offset, P2 factor), polynomial, exponential, logarithmic,
-// rational, identity.
+// A rule of parameters (cc::polynomial, cc::exponential, ...); linear: P1 offset, P2 factor.
 ConversionPtr params(uint16_t type, std::vector<double> p, std::string unit = {});
 inline ConversionPtr linear(double offset, double factor, std::string unit = {}) {
   return params(cc::linear, {offset, factor}, std::move(unit));
-}
-inline ConversionPtr identity(std::string unit = {}) {
-  return params(cc::identity, {}, unit);
-}
-inline ConversionPtr polynomial(std::vector<double> p, std::string u = {}) {
-  return params(6, p, u);
-}
-inline ConversionPtr exponential(std::vector<double> p, std::string u = {}) {
-  return params(7, p, u);
-}
-inline ConversionPtr logarithmic(std::vector<double> p, std::string u = {}) {
-  return params(8, p, u);
-}
-inline ConversionPtr rational(std::vector<double> p, std::string u = {}) {
-  return params(9, p, u);
 }
 ConversionPtr table(bool interpolate, std::vector<std::pair<double, double>> points,
                     std::string unit = {});  // type 1 if interpolate, else 2
