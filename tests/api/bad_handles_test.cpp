@@ -32,16 +32,14 @@ TEST(BadHandles, EveryFunctionRefusesThemAndTheStatusSticks) {
   mdf_group* g = nullptr;
   channelnode* out[1] = {};
   char names[33] = {};
-  // The function, the kind of handle it takes and its call; each kind is refused with its own
-  // status.
+  // Each kind of handle is refused with its own status.
   const int F = MDF_ERR_BAD_FILE;
   const int G = MDF_ERR_BAD_GROUP;
   const int C = MDF_ERR_BAD_CHANNEL;
   // The call's text (its name first), the kind of handle and the call.
-#define ROW(kind, call)                    \
-  {                                        \
-#call, kind, [&] { return int{call}; } \
-  }
+  // clang-format off
+#define ROW(kind, call) {#call, kind, [&] { return int{call}; }}
+  // clang-format on
   const std::tuple<const char*, int, std::function<int()>> rows[] = {
       ROW(F, mdfFileClose(badF)),
       ROW(F, mdfFileGetInfo(badF, &s, &s, &s, &s, &s, &s, &s)),
