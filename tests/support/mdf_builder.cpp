@@ -260,11 +260,16 @@ std::pair<size_t, uint32_t> conversion_tail(const Conversion& c) {
   if (c.raw_tail) return {0, static_cast<uint32_t>(c.raw_tail->size())};
   switch (c.type) {
     case cc::table_interp:
-    case cc::table: return {c.table.size(), off::cc_table_stride};
-    case cc::formula: return {0, static_cast<uint32_t>(std::max<size_t>(256, c.formula.size() + 1))};
-    case cc::verbal: return {c.verbal.size(), off::cc_verbal_stride};
-    case cc::verbal_range: return {c.ranges.size(), off::cc_range_stride};
-    default: return {c.params.size(), 8};
+    case cc::table:
+      return {c.table.size(), off::cc_table_stride};
+    case cc::formula:
+      return {0, static_cast<uint32_t>(std::max<size_t>(256, c.formula.size() + 1))};
+    case cc::verbal:
+      return {c.verbal.size(), off::cc_verbal_stride};
+    case cc::verbal_range:
+      return {c.ranges.size(), off::cc_range_stride};
+    default:
+      return {c.params.size(), 8};
   }
 }
 

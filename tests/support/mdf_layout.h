@@ -82,7 +82,7 @@ struct HeaderFields {
 
 // CN fields other than links. additional_byte_offset exists only in CN blocks of 228+ bytes.
 struct ChannelFields {
-  uint16_t channel_type = 0;       // 0 data, 1 time
+  uint16_t channel_type = 0;      // 0 data, 1 time
   std::string name, description;  // 32 and 128 chars
   uint16_t first_bit = 0, bit_count = 0, data_type = 0, range_valid = 0;
   double min = 0, max = 0, sample_rate = 0;
@@ -150,12 +150,13 @@ struct DependencyTarget {
 template <class S>
 struct Field {
   uint32_t at;
-  std::variant<uint8_t S::*, uint16_t S::*, int16_t S::*, uint32_t S::*, uint64_t S::*,
-               double S::*, std::string S::*>
+  std::variant<uint8_t S::*, uint16_t S::*, int16_t S::*, uint32_t S::*, uint64_t S::*, double S::*,
+               std::string S::*>
       member;
   uint32_t width = 0;
 };
 
+// clang-format off
 inline const Field<IdBlock> id_fields[] = {
     {0, &IdBlock::file_id, 8},     {8, &IdBlock::format_id, 8},  {16, &IdBlock::program_id, 8},
     {24, &IdBlock::byte_order},    {26, &IdBlock::float_format}, {28, &IdBlock::version},
@@ -178,5 +179,6 @@ inline const Field<ConversionFields> conversion_fields[] = {
     {4, &ConversionFields::range_valid}, {6, &ConversionFields::min},
     {14, &ConversionFields::max},        {22, &ConversionFields::unit, 20},
     {42, &ConversionFields::type}};
+// clang-format on
 
 }  // namespace mdftest
