@@ -523,7 +523,10 @@ class Builder {
 
   void write_data(const DataGroup& d, BuiltDataGroup& out) {
     out.data = b_.size();
-    write_records(d, out);
+    if (d.raw_data)
+      b_.append_bytes(*d.raw_data);
+    else
+      write_records(d, out);
     out.data_size = b_.size() - out.data;
     const uint32_t link = d.data_link ? *d.data_link : (out.data_size == 0 ? 0 : out.data);
     b_.patch_u32(out.offset + off::dg_data, link);

@@ -201,11 +201,13 @@ struct DataGroup {
   uint16_t record_ids = 0;  // 0, 1 or 2
   std::deque<ChannelGroup> channel_groups;
   std::optional<Trigger> trigger;
-  // The data section, made from the channel groups' records: without record ids the records of
+  // The data section: raw_data as it is when set (the benchmarks' large files), else made from
+  // the channel groups' records: without record ids the records of
   // every channel group one after the other, in channel-group order; with record ids the
   // records are interleaved in `order` (a list of channel-group indices, one per record; empty:
   // round robin, one record of each channel group in turn while any is left), each led by the
   // low byte of the channel group's record id and, with two record ids, followed by it again.
+  std::optional<std::vector<uint8_t>> raw_data;
   std::vector<size_t> order;
   std::optional<uint32_t> data_link;  // default: offset of the data section, 0 if it is empty
 
