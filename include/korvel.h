@@ -339,7 +339,7 @@ KORVEL_API int32_t LibMain(void* module, uint16_t reason, uint16_t clearPath, ch
 /* Opens a file: mode 0 read, 1 modify, 2 create (an existing file is replaced).
  * -1000 library closed, -1004 bad mode, 1000 cannot open, -2004 file format, -2012 VAX
  * floats in modify mode, and the I/O statuses. *file is NULL after a failure to open or read
- * the file; -1000 and -1004 leave it untouched. */
+ * the file; a stored error, -1000, -1004 and a null name leave it untouched. */
 KORVEL_API int16_t mdfFileOpen(mdf_file** file, const char* name, uint16_t mode);
 /* Closes the file's groups, writes the header back (modes 1, 2) and releases the file.
  * NULL gives 0; -1001 bad handle. */

@@ -289,7 +289,8 @@ TEST_F(ChannelApi, TenThousandRecordsOfEveryDataTypeWrittenAndRead) {
       for (uint32_t r = 0; r < kRecords && wrong < 5; ++r)
         wrong += !check_value(h, cs[col], col, r, read);
       double x = 0;
-      EXPECT_EQ(read ? mdfChnReadPhy(&x, h) : kEnd, kEnd) << cs[col].name;
+      EXPECT_EQ(read ? mdfChnReadPhy(&x, h) : mdfChnGetPhy(&x, h, int16_t{kRecords}), kEnd)
+          << cs[col].name;
     }
   }
   EXPECT_EQ(mdfGetErrorCode(), 0);
@@ -567,12 +568,13 @@ TEST_F(ChannelApi, CallsOnTheTenRecordFile) {
   Ch c = nullptr;
   mdf_group* out = nullptr;
   double v = -1, hi = 0;
-  uint8_t b[4] = {7};
+  uint8_t b[4] = {};
   uint32_t length = 0;
   // Bytes: the value of those copied; a refused copy zeroes the first byte.
   const auto get_data = [&](Ch ch, int16_t offset) {
     std::fill_n(b, 4, uint8_t{0xEE});
-    const int16_t st = mdfChnGetData(b, &(length = sizeof b), ch, offset);
+    length = sizeof b;
+    const int16_t st = mdfChnGetData(b, &length, ch, offset);
     v = length == 2 ? b[0] + 256.0 * b[1] : length + 1000.0 * b[0];
     return st;
   };
@@ -703,6 +705,18 @@ TEST_F(ChannelApi, ReadAndWriteStepsMoveOnFromTheSecondCall) {
     mdftest::put_bits(want[r], 0, 16, v);
   mdftest::put_bits(want[2], 72, 8, 10);
   EXPECT_EQ(mdftest::read_file(file).channel_groups().at(0)->records, want);
+
+  // A created handle moves on at its first Read.
+  g = open(path("short.mdf"), MDF_OPEN_CREATE);
+  Ch made = nullptr;
+  ASSERT_EQ(mdfChnCreate(&made, g, 0, 16, MDF_DT_UINT, "v"), 0);
+  for (uint64_t v : {10u, 11u, 12u}) {
+    ASSERT_EQ(mdfChnSetHexInt(made, v), 0);
+    ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+  }
+  ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
+  ASSERT_EQ(mdfChnReadHexInt(&n2, made), 0);
+  EXPECT_EQ(n2, 11u);
 
   // A created handle writes more records than a 16-bit step counter counts: every Write after
   // the first appends, every Read after the first moves on (the first reads record 0).

@@ -91,42 +91,44 @@ TEST_F(FormApi, Getters) {
 }
 
 TEST_F(FormApi, WrongKindsAreRaised) {
-  const uint16_t* count = nullptr;
+  const uint16_t sentinel = 7;
+  const uint16_t* count = &sentinel;
   const void* points = &count;
   double offset = 0, factor = 0;
   const char* text = "x";
   const double pts[2] = {0, 0};
-  // Call, status, log line.
+  // Call, status, log line; whether it hands out an empty text.
   // clang-format off
-  const std::tuple<std::function<int16_t()>, int16_t, const char*> cases[] = {
+  const std::tuple<std::function<int16_t()>, int16_t, const char*, bool> cases[] = {
       {[&] { return mdfChnGetFormTab(channel(2), nullptr, nullptr, &count, &points); },
-       MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)"},
+       MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)", false},
       {[&] { return mdfChnGetFormVTab(channel(3), nullptr, nullptr, nullptr, nullptr); },
-       MDF_NOT_A_VTAB, "not a verbal table (id=1)"},
+       MDF_NOT_A_VTAB, "not a verbal table (id=1)", false},
       {[&] { return mdfChnGetFormVTabR(channel(4), nullptr, nullptr, &offset, &factor, nullptr,
                                        nullptr); },
-       MDF_NOT_A_VTABR, "not a area verbal table (id=11)"},
+       MDF_NOT_A_VTABR, "not a area verbal table (id=11)", false},
       {[&] { return mdfChnGetFormTab(channel(1), nullptr, nullptr, nullptr, nullptr); },
-       MDF_NO_FORMULA, "no formula found"},
+       MDF_NO_FORMULA, "no formula found", false},
       {[&] { return mdfChnSetForm(channel(2), 9, "u", 1.0); }, MDF_UNKNOWN_FORMULA,
-       "unknown formula type (id=9)"},
+       "unknown formula type (id=9)", false},
       {[&] { return mdfChnSetFormTab(channel(2), 3, "u", 1, pts); }, MDF_UNKNOWN_FORMULA,
-       "unknown formula type (id=3)"},
+       "unknown formula type (id=3)", false},
       {[&] { return mdfChnGetFormVTabText(channel(2), 0, &text); }, MDF_NOT_A_VTAB,
-       "not a verbal table (id=0)"},
+       "not a verbal table (id=0)", true},
       {[&] { return mdfChnGetFormVTabText(channel(5), 3, &text); }, MDF_VTAB_INDEX,
-       "index outside range of verbal conversion table (count=3)"},
+       "index outside range of verbal conversion table (count=3)", true},
   };
   // clang-format on
-  for (const auto& [call, status, logged] : cases) {
+  for (const auto& [call, status, logged, empties_text] : cases) {
     SCOPED_TRACE(logged);
+    text = "x";
     EXPECT_EQ(call(), status);
     EXPECT_NE(log_text().find(logged), std::string::npos);
+    EXPECT_EQ(std::string(text), empties_text ? "" : "x");
   }
-  // A refused call hands out no table and an empty text, but the offset and factor of a range
-  // table before its check.
-  EXPECT_EQ(std::make_tuple(count, points, factor, std::string(text)),
-            std::make_tuple(nullptr, nullptr, 1.0, ""));
+  // A refused call hands out no table, but the offset and factor of a range table before its
+  // check.
+  EXPECT_EQ(std::make_tuple(count, points, factor), std::make_tuple(nullptr, nullptr, 1.0));
   EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 

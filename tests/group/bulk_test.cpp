@@ -177,7 +177,10 @@ void compare_several(mdf_file* file, uint32_t records, bool two_groups) {
   for (uint16_t c = 0; c < n; ++c) {
     EXPECT_STREQ(&names[33u * c], ("c" + std::to_string(c)).c_str());
     EXPECT_EQ(names[33u * c + 32], '\0');
-    const uint16_t v = info[2u * n + c];
+    uint16_t type = 9, bits = 0, v = 99;  // the arrays hold what the one-channel getter gives
+    ASSERT_EQ(mdfChnGetInfo(many[c], &type, &bits, &v, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(std::make_tuple(info[c], info[n + c], info[2u * n + c]),
+              std::make_tuple(type, bits, v));
     // In reverse: the last row, the first channel, reads every record, and gives `done`.
     if (v != MDF_DT_STRING && v != MDF_DT_BYTES) numeric.insert(numeric.begin(), many[c]);
   }
