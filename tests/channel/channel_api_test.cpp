@@ -498,9 +498,11 @@ TEST_F(ChannelApi, LongAndDisplayNamesByBlockSizeLinkAndCommentMarker) {
     uint16_t got_offset = 99;
     const char *got_long = "", *got_display = "", *long_or_short = "";
     const Ch ch = open_channel(g, i + 1);
-    const std::vector<int16_t> st = {mdfChnGetInfoExt(ch, &got_offset, &got_long, &got_display),
-                                     mdfChnGetLongName(ch, &long_or_short)};
-    EXPECT_EQ(std::make_tuple(st, got_offset, got_long, got_display, std::string(long_or_short)),
+    // The texts are copied before the next call, which may reuse the buffers they lie in.
+    const int16_t st_ext = mdfChnGetInfoExt(ch, &got_offset, &got_long, &got_display);
+    const std::string names[] = {got_long, got_display};
+    const std::vector<int16_t> st = {st_ext, mdfChnGetLongName(ch, &long_or_short)};
+    EXPECT_EQ(std::make_tuple(st, got_offset, names[0], names[1], std::string(long_or_short)),
               std::make_tuple(std::vector<int16_t>(2), offset, long_name, display_name,
                               long_name.empty() ? short_name(i) : long_name))
         << i;
