@@ -251,7 +251,8 @@ TEST_F(ChannelApi, TenThousandRecordsOfEveryDataTypeWrittenAndRead) {
     add(type, bits);
   for (uint32_t p = 0; auto& c : cs) {
     if ((p & 7u) != 0 && (p & 7u) + c.bits > 8) p = (p + 7u) & ~7u;
-    c.first_bit = std::exchange(p, p + c.bits);
+    c.first_bit = p;
+    p += c.bits;
   }
   constexpr uint32_t kRecords = 10000;
   const std::string file = path("all_types.mdf");
@@ -356,8 +357,10 @@ mdftest::FileModel named_channels() {
   auto& cg1 = f.add_data_group().add_channel_group(8);
   cg1.add_channel("Engine", 0, 32, MDF_DT_FLOAT, MDF_CHN_TIME);
   uint16_t at = 32;
-  for (const auto* name : {"speed", "Speed", "engine", kName32.c_str()})
-    cg1.add_channel(name, std::exchange(at, static_cast<uint16_t>(at + 8)), 8, MDF_DT_UINT);
+  for (const auto* name : {"speed", "Speed", "engine", kName32.c_str()}) {
+    cg1.add_channel(name, at, 8, MDF_DT_UINT);
+    at += 8;
+  }
   auto& dg = f.add_data_group(1);
   dg.add_channel_group(1, 1).add_channel("a", 0, 8, MDF_DT_UINT);
   auto& cg3 = dg.add_channel_group(3, 2);
@@ -487,8 +490,10 @@ TEST_F(ChannelApi, LongAndDisplayNamesByBlockSizeLinkAndCommentMarker) {
   auto& cg = model.add_data_group().add_channel_group(1);
   for (const auto& [size, c] : cases) {
     auto& cn = cg.add_channel(short_name(cg.channels.size()), 0, 8, MDF_DT_UINT);
-    std::tie(cn.block_size, cn.comment, cn.long_name, cn.display_name) =
-        std::make_tuple(size, text(c[0]), text(c[1]), text(c[2]));
+    cn.block_size = size;
+    cn.comment = text(c[0]);
+    cn.long_name = text(c[1]);
+    cn.display_name = text(c[2]);
   }
   mdf_group* g = open(write(model), MDF_OPEN_READ);
   // The byte offset and the names; without a long name the short name stands in, terminated
@@ -641,7 +646,9 @@ TEST_F(ChannelApi, CallsOnTheTenRecordFile) {
     h = {nullptr, open_channel(g, 1), open_channel(g, 2), open_channel(g, 3), open_channel(g, 4)};
     ASSERT_EQ(mdfGrpSeek(g, cursor, MDF_SEEK_ABS), 0);
     const size_t log = log_size();
-    std::tie(c, out, v) = std::make_tuple(nullptr, nullptr, -1.0);
+    c = nullptr;
+    out = nullptr;
+    v = -1.0;
     EXPECT_EQ(call(), status);
     const bool logged_now = log_size() > log;
     uint32_t tell = 99;
@@ -749,21 +756,25 @@ mdftest::FileModel duplicate_source() {
   mdftest::FileModel f;
   auto& cg = f.add_data_group().add_channel_group(17);
   auto& t = cg.add_channel("time", 0, 64, MDF_DT_DOUBLE, MDF_CHN_TIME);
-  std::tie(t.conversion, t.description) = std::make_pair(mdftest::linear(0, 0.001, "s"), "time");
+  t.conversion = mdftest::linear(0, 0.001, "s");
+  t.description = "time";
   auto& level = cg.add_channel("level", 68, 12, MDF_DT_UINT);
   level.conversion =
       mdftest::range_table({{0, 99, "LOW"}, {100, 999, std::nullopt}, {1000, 4095, "HIGH"}}, "lvl");
-  std::tie(level.comment, level.long_name, level.display_name) =
-      std::make_tuple("level comment", "level_long", "Level");
+  level.comment = "level comment";
+  level.long_name = "level_long";
+  level.display_name = "Level";
   level.extension = mdftest::extension(MDF_CE_DIM, Bytes(122, 0x5A));
   cg.add_channel("state", 80, 4, MDF_DT_UINT).conversion =
       mdftest::verbal_table({{0, "off"}, {1, "on"}});
   auto& old = cg.add_channel("old_style", 88, 16, MDF_DT_INT_BE);
-  std::tie(old.block_size, old.comment, old.conversion) =
-      std::make_tuple(218, "$Longname: OldLong\n$Displayname: OldDisplay",
-                      mdftest::params(mdftest::cc::polynomial, {1, 2, 3, 4, 5, 6}, "p"));
+  old.block_size = 218;
+  old.comment = "$Longname: OldLong\n$Displayname: OldDisplay";
+  old.conversion = mdftest::params(mdftest::cc::polynomial, {1, 2, 3, 4, 5, 6}, "p");
   auto& text = cg.add_channel("text", 104, 32, MDF_DT_STRING);
-  std::tie(text.range_valid, text.min, text.max) = std::make_tuple(uint16_t{1}, -1.0, 1.0);
+  text.range_valid = 1;
+  text.min = -1.0;
+  text.max = 1.0;
   return f;
 }
 
@@ -817,10 +828,16 @@ TEST_F(ChannelApi, DuplicatedChannelsCarryTheirPropertiesIntoAnotherFile) {
     std::tie(want.range_valid, want.min, want.max, want.sample_rate) =
         i == 4 ? std::make_tuple(uint16_t{1}, -3.0, 1000.0, 0.25)
                : std::make_tuple(uint16_t{0}, 0.0, 0.0, cs[i].sample_rate);
-    if (i == 1) std::tie(want.name, want.description) = std::pair(kName32, std::string(128, 'd'));
+    if (i == 1) {
+      want.name = kName32;
+      want.description = std::string(128, 'd');
+    }
     auto want_cc = cc(cs[i]);
-    if (i == 0)
-      std::tie(want_cc->range_valid, want_cc->min, want_cc->max) = std::tuple(1, 1.5, 2.5);
+    if (i == 0) {
+      want_cc->range_valid = 1;
+      want_cc->min = 1.5;
+      want_cc->max = 2.5;
+    }
     EXPECT_TRUE(static_cast<const mdftest::ChannelFields&>(ct[i]) == want);
     EXPECT_TRUE(std::make_pair(cc(ct[i]), ce(ct[i])) == std::make_pair(want_cc, ce(cs[i])));
     EXPECT_EQ(std::tie(ct[i].block_size, ct[i].comment, ct[i].long_name, ct[i].display_name),
