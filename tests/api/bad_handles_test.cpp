@@ -181,7 +181,7 @@ TEST(BadHandles, EveryFunctionRefusesThemAndTheStatusSticks) {
   };
 #undef ROW
   for (const auto& [text, want, call] : rows) {
-    const std::string name(text, std::strchr(text, '('));
+    const std::string name(text, std::strcspn(text, "("));
     for (void* handle : {static_cast<void*>(nullptr), static_cast<void*>(junk)}) {
       SCOPED_TRACE(name + (handle == nullptr ? " null" : " junk"));
       mdfClose();
