@@ -78,9 +78,11 @@ TEST_P(Io, OpenCreateAndChangesOfSizeUnderTheReadAhead) {
     EXPECT_EQ(io::open(&n, missing.c_str(), flags(mode), 8192), 1000);
     EXPECT_EQ(n, io::kNoFile);
   }
-  // Logged with the file name, but positive: not sticky.
+  // Logged with the file name (a line is cut at 128 characters, which a long scratch path
+  // reaches), but positive: not sticky.
   EXPECT_EQ(mdfGetErrorCode(), 0);
-  EXPECT_NE(mdftest::slurp("KORVEL.LOG").find("could not open file " + missing), std::string::npos);
+  const std::string line = ("could not open file " + missing).substr(0, 100);
+  EXPECT_NE(mdftest::slurp("KORVEL.LOG").find(line), std::string::npos);
   const std::string name = write(mdftest::Image{pattern(1234, 1)});
   const uint16_t n = open(name, flags(io::kCreate));
   EXPECT_EQ(io::known_size(n), 0);
