@@ -80,8 +80,10 @@ struct Blk {
   // Reads the fields listed in `table` into `s`, with the block's offset and size.
   template <class S, size_t N, class Out>
   void all(const Field<S> (&table)[N], Out& s) const {
-    if constexpr (requires { s.block_size; })
-      std::tie(s.offset, s.block_size) = std::pair(at, size());
+    if constexpr (requires { s.block_size; }) {
+      s.offset = at;
+      s.block_size = size();
+    }
     for (const Field<S>& f : table)
       std::visit(
           [&](auto m) {
@@ -182,7 +184,8 @@ class Reader {
     b.all(data_group_fields, dg);
     if (const auto tr = block(dg.trigger_link, "TR")) {
       ReadTrigger& t = dg.trigger.emplace();
-      std::tie(t.offset, t.block_size) = std::pair(tr->at, tr->size());
+      t.offset = tr->at;
+      t.block_size = tr->size();
       t.comment_link = tr->u32(off::tr_comment);
       t.event_count = tr->u16(off::tr_count);
       entries(*tr, off::tr_events, 24, t.event_count, [&](uint32_t e) {
@@ -213,15 +216,18 @@ class Reader {
       read_conversion(*cc, c.conversion.emplace());
     if (const auto ce = block(c.extension_link, "CE")) {
       ReadExtension& e = c.extension.emplace();
-      std::tie(e.offset, e.block_size, e.type) =
-          std::tuple(ce->at, ce->size(), ce->u16(off::ce_type));
+      e.offset = ce->at;
+      e.block_size = ce->size();
+      e.type = ce->u16(off::ce_type);
       const auto rec = ce->from(off::ce_record);
       e.record.assign(rec.begin(), rec.end());
     }
     if (const auto cd = block(c.dependency_link, "CD")) {
       ReadDependency& d = c.dependency.emplace();
-      std::tie(d.offset, d.block_size) = std::pair(cd->at, cd->size());
-      std::tie(d.type, d.count) = std::pair(cd->u16(off::cd_type), cd->u16(off::cd_count));
+      d.offset = cd->at;
+      d.block_size = cd->size();
+      d.type = cd->u16(off::cd_type);
+      d.count = cd->u16(off::cd_count);
       entries(*cd, off::cd_links, 12, d.count, [&](uint32_t e) {
         d.links.push_back({cd->u32(e), cd->u32(e + 4), cd->u32(e + 8)});
       });
