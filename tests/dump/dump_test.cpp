@@ -22,43 +22,15 @@ namespace {
 namespace fs = std::filesystem;
 using mdftest::FileModel;
 
-class Dump : public ::testing::Test {
- protected:
-  void SetUp() override {
-    // One scratch directory per process, entered for good: the log is opened there and stays
-    // open, so test processes running side by side never share one, and files print their
-    // names as given.
-    // The directory is removed when the process ends.
-    static const struct Entered {
-      fs::path dir = mdftest::scratch_dir("korvel_dump");
-      Entered() {
-        fs::current_path(dir);
-        mdfPrintf("%s", "");
-      }
-      ~Entered() {
-        std::error_code ec;
-        fs::current_path(fs::temp_directory_path(), ec);
-        fs::remove_all(dir, ec);
-      }
-    } entered;
-    mdfClose();
-    ASSERT_EQ(mdfOpen(nullptr), 0);
-  }
-  void TearDown() override { mdfClose(); }
-  // The status of the dump and the part of the log it wrote.
-  static std::pair<int16_t, std::string> dump(const char* name, uint32_t hex) {
-    const size_t before = mdftest::log_text().size();
-    const int16_t status = mdfDump(name, hex);
-    return {status, mdftest::log_text().substr(before)};
-  }
-  void expect_ref(const char* name, uint32_t hex, const std::string& ref) {
-    const auto [status, text] = dump(name, hex);
-    EXPECT_EQ(status, 0) << ref;
-    const fs::path path = fs::path(KORVEL_DUMP_REFS) / (ref + ".txt");
-    if (std::getenv("KORVEL_UPDATE_REFS") != nullptr) std::ofstream(path, std::ios::binary) << text;
-    EXPECT_EQ(text, mdftest::slurp(path)) << ref;
-  }
-};
+// The dump of a file, the part of the log it wrote, against a reference text.
+void expect_ref(const std::string& name, uint32_t hex, const std::string& ref) {
+  const size_t before = mdftest::log_text().size();
+  EXPECT_EQ(mdfDump(name.c_str(), hex), 0) << ref;
+  const std::string text = mdftest::log_text().substr(before);
+  const fs::path path = fs::path(KORVEL_DUMP_REFS) / (ref + ".txt");
+  if (std::getenv("KORVEL_UPDATE_REFS") != nullptr) std::ofstream(path, std::ios::binary) << text;
+  EXPECT_EQ(text, mdftest::slurp(path)) << ref;
+}
 
 std::vector<uint8_t> counting(size_t n) {
   std::vector<uint8_t> bytes(n);
@@ -119,8 +91,14 @@ FileModel every_kind_of_block() {
 
 // Every kind of block with and without hex; files without data groups in float formats 1
 // and 2 (the 17-byte program block shows the row split of the hex dump); the files of other
-// writers, dumped from copies (their references were reviewed once by hand).
-TEST_F(Dump, EveryKindOfBlockWithAndWithoutHex) {
+// writers, dumped from copies (their references were reviewed once by hand). The program's
+// tests give the statuses of refused files.
+TEST(Dump, EveryKindOfBlockWithAndWithoutHex) {
+  // A scratch directory entered for the test: the log is opened there, and files print their
+  // names as given.
+  const fs::path dir = mdftest::scratch_dir("korvel_dump");
+  fs::current_path(dir);
+  ASSERT_EQ(mdfOpen(nullptr), 0);
   mdftest::write_file("all.mdf", mdftest::build(every_kind_of_block()).bytes);
   std::vector<std::tuple<std::string, uint32_t, std::string>> refs = {{"all.mdf", 0, "all"},
                                                                       {"all.mdf", 1, "all_hex"}};
@@ -140,28 +118,13 @@ TEST_F(Dump, EveryKindOfBlockWithAndWithoutHex) {
     refs.emplace_back(file, 1, "samples/" + entry.path().stem().string() + "_hex");
   }
   ASSERT_GT(refs.size(), 2u);
-  for (const auto& [file, hex, ref] : refs) expect_ref(file.c_str(), hex, ref);
+  for (const auto& [file, hex, ref] : refs) expect_ref(file, hex, ref);
   // Each dump leaves its context open.
   EXPECT_EQ(korvel::state().context_depth, depth + 2 + refs.size());
-}
-
-TEST_F(Dump, RefusedFilesGiveTheOpenStatusAndPrintNothing) {
-  auto built = mdftest::build(FileModel{});
-  built.patch_u32(mdftest::off::id_size + mdftest::off::hd_first_dg, 3);  // no block there
-  mdftest::write_file("bad_link.mdf", built.bytes);
-  built.patch_u8(mdftest::off::id_reserved, 1);
-  mdftest::write_file("bad_id.mdf", built.bytes);
-  const std::pair<const char*, int16_t> cases[] = {{"missing.mdf", MDF_FILE_NOT_OPENED},
-                                                   {"bad_id.mdf", MDF_ERR_FORMAT},
-                                                   {"bad_link.mdf", MDF_ERR_FORMAT}};
-  for (const auto& [name, status] : cases) {
-    mdfClose();
-    mdfOpen(nullptr);
-    const auto [st, text] = dump(name, 1);
-    EXPECT_EQ(st, status) << name;
-    EXPECT_EQ(text.find("Datei"), std::string::npos) << name;
-    EXPECT_EQ(korvel::state().context_depth, 1) << name;
-  }
+  mdfClose();
+  std::error_code ec;
+  fs::current_path(fs::temp_directory_path());
+  fs::remove_all(dir, ec);
 }
 
 }  // namespace

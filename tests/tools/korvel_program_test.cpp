@@ -1,8 +1,6 @@
-// The korvel program run as a user runs it, in a scratch directory: exit codes and messages,
-// refusal to replace files, the sort of an unsorted sample and Ctrl-C during a sort. The
-// sample files of independent writers are read here through the C interface against the
-// description beside each (what an independent reader read from it), and `info --json` and
-// `export` are compared with the C interface and with the descriptions in the same walk.
+// The korvel program run as a user runs it, in a scratch directory, and the sample files of
+// independent writers through the C interface, `info --json` and `export` against their
+// descriptions (what an independent reader read from them).
 #include <gtest/gtest.h>
 
 #include <charconv>
@@ -38,52 +36,40 @@ using mdftest::slurp;
 
 #if defined(_WIN32)
 // cmd.exe changes the drive only with /d; the program's standard streams are text streams
-// there, ending lines with CR LF.
+// there, ending lines with CR LF (taken out on every system: the program writes none).
 const char* const kCd = "cd /d \"";
+#else
+const char* const kCd = "cd \"";
+#endif
+
 int exit_code(int status) {
+#if defined(_WIN32)
   return status;
+#else
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#endif
 }
+
 std::string text(std::string s) {
   std::erase(s, '\r');
   return s;
 }
-#else
-const char* const kCd = "cd \"";
-int exit_code(int status) {
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-std::string text(std::string s) {
-  return s;
-}
-#endif
 
+// The cells of a CSV text whose cells need no quoting (the quoting is checked on a text of its
+// own).
 std::vector<Row> parse_csv(const std::string& text) {
   std::vector<Row> rows(1, Row(1));
-  bool quoted = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"')
-      rows.back().back() += text[i++];
-    else if (c == '"')
-      quoted = !quoted;
-    else if (!quoted && c == ',')
+  for (const char c : text) {
+    if (c == ',') {
       rows.back().emplace_back();
-    else if (!quoted && c == '\n')
+    } else if (c == '\n') {
       rows.emplace_back(1);
-    else
+    } else {
       rows.back().back() += c;
+    }
   }
   rows.pop_back();  // after the last line end
   return rows;
-}
-
-// The sample files, sorted by name.
-std::vector<std::string> samples() {
-  std::vector<std::string> names;
-  for (const auto& e : fs::directory_iterator(KORVEL_SAMPLES_DIR))
-    if (e.path().extension() == ".mdf") names.push_back(e.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 // A text field of a fixed width, up to its first zero byte.
@@ -99,10 +85,6 @@ class Program : public ::testing::Test {
     const std::string command = kCd + dir.string() + "\" && \"" KORVEL_PROGRAM "\" " + args;
     const int status = std::system((command + " >stdout.txt 2>stderr.txt").c_str());
     return {exit_code(status), text(slurp(dir / "stdout.txt")), text(slurp(dir / "stderr.txt"))};
-  }
-  // A copy of a sample, so that nothing can change the original.
-  void copy_sample(const std::string& name) {
-    mdftest::copy_writable(fs::path(KORVEL_SAMPLES_DIR) / name, dir);
   }
   // The library's log goes to a private directory, never to the user's.
   void TearDown() override {
@@ -120,9 +102,6 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   // Groups in the order a reader finds them: the fast group first.
   EXPECT_LT(demo.out.find("group 1: 1000 records"), demo.out.find("group 2: 100 records"));
   const std::string written = slurp(dir / "run42.mdf");
-  auto unfinished = mdftest::load_file(dir / "run42.mdf");
-  std::copy_n("UnFinMF ", 8, unfinished.begin());
-  mdftest::write_file(dir / "unfinished.mdf", unfinished);
   std::ofstream(dir / "bad.mdf") << std::string(100, 'x');
   // Billions of records of 0 bytes: each would be read without touching the file.
   mdftest::FileModel hollow;
@@ -135,9 +114,7 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   auto& cg = made.add_data_group().add_channel_group(10);
   cg.add_channel("time", 0, 16, 0, 1).conversion = mdftest::linear(0, 0.5, "s");
   cg.add_channel("mode", 16, 8, 0).conversion = mdftest::range_table(
-      {{0, 0, "{LINEAR_CONV \"2*{X}+1\"}"}, {1, 2, "low"}, {3, 3, "say \"hi\""}},
-      "\xB0"
-      "C");
+      {{0, 0, "{LINEAR_CONV \"2*{X}+1\"}"}, {1, 2, "low"}, {3, 3, "say \"hi\""}}, "\260C");
   cg.add_channel("note", 24, 48, 7);
   const std::string notes[] = {"a,b", "plain", "x\"y"};
   for (uint8_t i = 0; i < 4; ++i) {
@@ -154,36 +131,33 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
     int code;
     const char* text;
   } cases[] = {
-      // clang-format off
-      {"--help", 0, "Subcommands:"}, {"-h", 0, "Usage: korvel"},
-      {"help export", 0, "run.1.csv"}, {"info --help", 0, "--no-scan"},
-      {"--version", 0, "MDF format up to 3.30"},
+      {"--help", 0, "Subcommands:"},
       {"status -1004", 0, "-1004: illegal group open mode"},
-      {"dump run42.mdf", 0, "Datei run42.mdf\nIDBLOCK: 'MDF     '"},
       {"dump --hex run42.mdf", 0, "BLOCK 17480: 208 Bytes at 0 :48 \n44 D0 00 71"},
       {"sort run42.mdf", 0, "run42.mdf: already sorted, left as it was\n"},
-      {"sort run42.mdf -o run42.mdf --quiet", 0, "already sorted"},
       {"dump missing.mdf", 1, "korvel: missing.mdf: could not open file (1000)\n"},
-      {"", 2, "usage: korvel info"}, {"bogus", 2, "usage: korvel info"},
+      {"dump bad.mdf", 1, "korvel: bad.mdf: file format (-2004)\n"},
+      {"bogus", 2, "usage: korvel info"},
       {"info", 2, "usage: korvel info [--json] [--no-scan] FILE...\n"},
       {"status 70000", 2, "usage: korvel status CODE\n"},
       {"export run42.mdf --group 3", 2, "korvel: run42.mdf: no group 3 (the file has 2)"},
       {"export run42.mdf --channel nothing", 2, "no channel nothing"},
-      {"info missing.mdf", 1, "korvel: missing.mdf: could not open file (1000)\n[KORVEL-ERROR] could not open file"},
+      {"info missing.mdf", 1, "(1000)\n[KORVEL-ERROR] could not open file"},
       {"info bad.mdf run42.mdf", 1, "korvel: bad.mdf: file format (-2004)\n"},
-      {"info unfinished.mdf", 1, "the file is unfinished"},
       {"export hollow.mdf", 1, "group 1: records of 0 bytes, none read"},
       {"demo run42.mdf", 1, "korvel: run42.mdf: exists (--force replaces it)\n"},
-      {"export run42.mdf --group 1 -o run42.mdf --force", 2, "korvel: run42.mdf: is the file being read"},
+      {"export run42.mdf --group 1 -o run42.mdf --force", 2,
+       "korvel: run42.mdf: is the file being read"},
       {"export run42.mdf -o out.csv", 0, ""},
       {"export run42.mdf -o out.csv", 1, "korvel: out.1.csv: exists (--force replaces it)\n"},
       {"export run42.mdf -o out.csv --force", 0, ""},
       // Raw values of the time in milliseconds, a time range; all groups on standard output.
-      {"export run42.mdf --raw --from 0.9975 --to 0.9995", 0, "time,sine,counter,temperature,state\n"
-       "998,-126,230,88.70761108398438,3\n999,-63,231,88.7127685546875,3\n\ntime,battery,flags,speed\n"},
-      {"export made.mdf", 0, "time [s],mode [\xB0" "C],note\n0,low,\"a,b\"\n0.5,\"say \"\"hi\"\"\",plain\n"
-       "1,9,\"x\"\"y\"\n1.5,11,\"a,b\"\n"},
-      // clang-format on
+      {"export run42.mdf --raw --from 0.9975 --to 0.9995", 0,
+       "time,sine,counter,temperature,state\n998,-126,230,88.70761108398438,3\n"
+       "999,-63,231,88.7127685546875,3\n\ntime,battery,flags,speed\n"},
+      {"export made.mdf", 0,
+       "time [s],mode [\260C],note\n0,low,\"a,b\"\n"
+       "0.5,\"say \"\"hi\"\"\",plain\n1,9,\"x\"\"y\"\n1.5,11,\"a,b\"\n"},
   };
   for (const auto& c : cases) {
     const Outcome r = korvel(c.args);
@@ -197,11 +171,6 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   EXPECT_EQ(slurp(dir / "run42.mdf"), written);
   // The good file after the bad one is still shown.
   EXPECT_NE(korvel("info bad.mdf run42.mdf").out.find("group 2: 100 records"), std::string::npos);
-  std::vector<std::string> files;
-  for (const auto& e : fs::directory_iterator(dir)) files.push_back(e.path().filename().string());
-  std::sort(files.begin(), files.end());
-  EXPECT_EQ(files, (Row{"bad.mdf", "hollow.mdf", "made.mdf", "out.1.csv", "out.2.csv", "run42.mdf",
-                        "stderr.txt", "stdout.txt", "unfinished.mdf"}));
   // A group, channels and a time range chosen.
   const auto rows = parse_csv(korvel("export run42.mdf --group 2 --channel battery --channel "
                                      "vehicle_speed_from_wheel_sensors --from 1 --to 2")
@@ -212,36 +181,8 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
                               {"1", "12.56", "20"},
                               {"2", "12.52", "40"}}));
   const json mode = json::parse(korvel("info --json made.mdf").out)[0]["groups"][0]["channels"][1];
-  EXPECT_EQ(std::make_tuple(mode["unit"], mode["first"], mode["min"], mode["max"]),
-            std::make_tuple(json("\xC2\xB0"
-                                 "C"),
-                            json("low"), json(5.0), json(11.0)));
-}
-
-// A raw value at the cursor as a description writes it, through a Read function (`read`) or a
-// Get function: an integer, a double, or a text or a byte array (as hex).
-json raw_value(channelnode* ch, uint16_t data_type, bool read) {
-  static constexpr char kKinds[] = "uirrrrrtbuirruirr";  // by data type; r for the others
-  const char kind = data_type < 17 ? kKinds[data_type] : 'r';
-  const bool integer = kind == 'i' || kind == 'u';
-  uint64_t n = 0;
-  double real = 0;
-  uint8_t buffer[256] = {};
-  uint32_t length = sizeof buffer;
-  EXPECT_EQ(integer       ? (read ? mdfChnReadHexInt(&n, ch) : mdfChnGetHexInt(&n, ch, 0))
-            : kind == 'r' ? (read ? mdfChnReadHex(&real, ch) : mdfChnGetHex(&real, ch, 0))
-                          : (read ? mdfChnReadData(buffer, &length, ch)
-                                  : mdfChnGetData(buffer, &length, ch, 0)),
-            0);
-  if (integer) return kind == 'i' ? json(static_cast<int64_t>(n)) : json(n);
-  if (kind == 'r') return json(real);
-  std::string text;
-  for (uint32_t i = 0; i < length && !(kind == 't' && buffer[i] == 0); ++i) {
-    if (kind == 't') text += static_cast<char>(buffer[i]);
-    if (kind == 'b')
-      text += {"0123456789abcdef"[buffer[i] >> 4], "0123456789abcdef"[buffer[i] & 15]};
-  }
-  return json(text);
+  // The Latin-1 unit in UTF-8.
+  EXPECT_EQ(mode["unit"], "\302\260C");
 }
 
 // A CSV cell against a value of a description: texts exactly, integers as written, other
@@ -256,23 +197,17 @@ void expect_cell(const std::string& cell, const json& want) {
   }
 }
 
-// One channel of a sample: the library against its description `d`, `info` (`j`) against the
-// library, the export's cells against the description. The first 20 records through Read
-// functions, the last 5 through Get functions after a seek; `info`'s first, last, smallest and
-// largest physical value against all records. Verbal tables give the raw value as physical
-// value; exponential and logarithmic values of the description follow other formulas.
+// One channel of a sample: `info` (`j`) against the library, the export's cells over the
+// first 20 and the last 5 records against the description `d`, and `info`'s first, last,
+// smallest and largest physical value against all records. Exponential and logarithmic values
+// of the description follow other formulas.
 void check_channel(mdf_group* g, uint16_t index, uint32_t records, const json& d, const json& j,
-                   const std::vector<Row>& phys_csv, const std::vector<Row>& raw_csv) {
+                   const std::vector<Row>& csv) {
   SCOPED_TRACE(d["name"].get<std::string>());
-  channelnode* ch = nullptr;
-  ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
-  ASSERT_EQ(mdfChnOpen(&ch, g, index + 1), 0);
+  channelnode* ch = mdftest::open_channel(g, index + 1u);
   uint16_t type = 9, bits = 0, data_type = 99, rule = MDF_CC_FRM_NON;
   const char *name = "", *unit = "";
-  uint8_t bit = 0xFF;
-  uint32_t byte = 0;
   ASSERT_EQ(mdfChnGetInfo(ch, &type, &bits, &data_type, &name, nullptr, nullptr), 0);
-  ASSERT_EQ(mdfChnGetBitAndByteOffset(ch, &bit, &byte), 0);
   const int16_t form = mdfChnGetForm(ch, &rule, &unit, nullptr);
   const json lib = {{"name", field(name, 32)},
                     {"kind", type == MDF_CHN_TIME ? "time" : "data"},
@@ -281,61 +216,36 @@ void check_channel(mdf_group* g, uint16_t index, uint32_t records, const json& d
                     {"conversion", form == 0 ? json(rule) : json()},
                     {"unit", form == 0 ? field(unit, 20) : ""}};
   for (const auto& [key, value] : lib.items()) EXPECT_EQ(j[key], value) << key;
-  EXPECT_EQ(form, d["conversion_type"].is_null() ? MDF_NO_FORMULA : 0);
-  EXPECT_EQ(
-      json::array(
-          {lib["name"], type, data_type, bits, byte * 8u + bit, lib["conversion"], lib["unit"]}),
-      json::array({d["name"], d["master"].get<bool>() ? 1 : 0, d["mdf3_data_type"], d["bit_count"],
-                   d["bit_offset"], d["conversion_type"], form == 0 ? d["unit"] : json("")}));
-  const std::string unit_text = d["unit"];
-  EXPECT_EQ(phys_csv[0][index],
-            d["name"].get<std::string>() + (unit_text.empty() ? "" : " [" + unit_text + "]"));
-  EXPECT_EQ(raw_csv[0][index], d["name"]);
-  const bool numeric = data_type != MDF_DT_STRING && data_type != MDF_DT_BYTES;
-  const bool as_raw = rule == MDF_CC_FRM_NON || rule == MDF_CC_FRM_VTAB || rule == MDF_CC_FRM_VTABR;
-  const bool other = rule == MDF_CC_FRM_EXP || rule == MDF_CC_FRM_LOG;
-  ASSERT_EQ(std::make_tuple(d["raw_first"].size(), d["raw_last"].size(), d["phys_last"].size()),
-            std::make_tuple(20u, 5u, 5u));
-  for (uint32_t k = 0; k < 25; ++k) {
+  for (uint32_t k = 0; k < 25 && rule != MDF_CC_FRM_EXP && rule != MDF_CC_FRM_LOG; ++k) {
     const uint32_t r = k < 20 ? k : records - 25 + k;
-    SCOPED_TRACE(r);
-    const json& raw = d[k < 20 ? "raw_first" : "raw_last"][k % 20];
-    const json& phys = d[k < 20 ? "phys_first" : "phys_last"][k % 20];
-    if (k >= 20) {
-      ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(r), MDF_SEEK_ABS), 0);
-    }
-    EXPECT_EQ(raw_value(ch, data_type, k < 20), raw);
-    double physical = -1;
-    EXPECT_EQ(mdfChnGetPhy(&physical, ch, 0), numeric ? 0 : MDF_UNSUPPORTED_TYPE);
-    if (numeric && !other) {
-      EXPECT_EQ(json(physical), as_raw ? raw : phys);
-    }
-    expect_cell(raw_csv[r + 1][index], raw);
-    if (!other) expect_cell(phys_csv[r + 1][index], phys);
+    expect_cell(csv[r + 1][index], d[k < 20 ? "phys_first" : "phys_last"][k % 20]);
   }
+  const bool numeric = data_type != MDF_DT_STRING && data_type != MDF_DT_BYTES;
   std::vector<double> v(numeric ? records : 0);
   for (uint32_t k = 0; k < v.size(); ++k) {
     ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
     ASSERT_EQ(mdfChnGetPhy(&v[k], ch, 0), 0);
   }
   const auto [lo, hi] = std::minmax_element(v.begin(), v.end());
-  const bool texts =
-      !numeric || rule == MDF_CC_FRM_VTAB || rule == MDF_CC_FRM_VTABR;  // first, last
+  const bool texts = !numeric || rule == MDF_CC_FRM_VTAB || rule == MDF_CC_FRM_VTABR;
   EXPECT_EQ(
       json::array({j["min"], j["max"], j["first"], j["last"]}),
       json::array({numeric ? json(*lo) : json(), numeric ? json(*hi) : json(),
                    texts ? j["first"] : json(v.front()), texts ? j["last"] : json(v.back())}));
 }
 
-// Every sample file written by independent tools through the library, `info --json` (all
-// files at once) and `export` with physical and with raw values, against the description
-// beside it (what an independent reader read from it). Files of other writers hold no block
-// over another block or over records: each opens for modifying.
+// Every sample file of independent writers through the library, `info --json` (all files at
+// once) and `export`, against the library and the description beside it.
+// Files of other writers hold no block over another block or over records: each opens for
+// modifying.
 TEST_F(Program, SamplesThroughTheLibraryInfoAndExport) {
-  const std::vector<std::string> files = samples();
+  std::vector<std::string> files;
   std::string args = "info --json";
+  for (const auto& e : fs::directory_iterator(KORVEL_SAMPLES_DIR))
+    if (e.path().extension() == ".mdf") files.push_back(e.path().filename().string());
+  std::sort(files.begin(), files.end());
   for (const auto& s : files) {
-    copy_sample(s);
+    mdftest::copy_writable(fs::path(KORVEL_SAMPLES_DIR) / s, dir);  // the original stays as it is
     args += " " + s;
   }
   const Outcome r = korvel(args);
@@ -350,7 +260,6 @@ TEST_F(Program, SamplesThroughTheLibraryInfoAndExport) {
     const json groups =
         json::parse(slurp(fs::path(KORVEL_SAMPLES_DIR) / (stem + ".json")))["groups"];
     ASSERT_EQ(korvel("export " + files[f] + " -o " + stem + ".csv").code, 0);
-    ASSERT_EQ(korvel("export " + files[f] + " --raw -o " + stem + ".raw.csv").code, 0);
     mdf_file* file = nullptr;
     ASSERT_EQ(mdfFileOpen(&file, path.c_str(), MDF_OPEN_READ), 0);
     const char *author = nullptr, *project = nullptr, *comment = nullptr;
@@ -367,24 +276,19 @@ TEST_F(Program, SamplesThroughTheLibraryInfoAndExport) {
     for (uint16_t n = 1; n <= count; ++n) {
       SCOPED_TRACE(n);
       const json &d = groups[n - 1], &jg = info["groups"][n - 1];
-      mdf_group* g = nullptr;
-      ASSERT_EQ(mdfGrpOpen(&g, file, n, MDF_OPEN_READ), 0);
+      mdf_group* g = mdftest::open_group(file, n);
       uint32_t records = 0;
       uint16_t channels = 0;
       mdfGrpRecords(&records, g);
       mdfGrpChannels(&channels, g);
       const json size = mdfGrpBuffer(nullptr, g) - 24;
-      EXPECT_EQ(json::array({records, size, channels}),
-                json::array({d["cycles"], d["record_bytes"], d["channels"].size()}));
-      EXPECT_EQ(
-          json::array({jg["number"], jg["records"], jg["record_size"], jg["channels"].size()}),
-          json::array({n, records, size, channels}));
-      const std::string csv = "." + std::to_string(n) + ".csv";
-      const auto phys = parse_csv(slurp(dir / (stem + csv))),
-                 raw = parse_csv(slurp(dir / (stem + ".raw" + csv)));
-      ASSERT_EQ(json::array({phys.size(), raw.size()}), json::array({records + 1u, records + 1u}));
+      EXPECT_EQ(json::array({records, size, channels, records, size, channels}),
+                json::array({d["cycles"], d["record_bytes"], d["channels"].size(), jg["records"],
+                             jg["record_size"], jg["channels"].size()}));
+      const auto csv = parse_csv(slurp(dir / (stem + "." + std::to_string(n) + ".csv")));
+      ASSERT_EQ(csv.size(), records + 1u);
       for (uint16_t c = 0; c < channels; ++c)
-        check_channel(g, c, records, d["channels"][c], jg["channels"][c], phys, raw);
+        check_channel(g, c, records, d["channels"][c], jg["channels"][c], csv);
       mdfGrpClose(g);
     }
     mdfFileClose(file);
@@ -393,18 +297,14 @@ TEST_F(Program, SamplesThroughTheLibraryInfoAndExport) {
   }
   EXPECT_EQ(mdfGetErrorCode(), 0);
   mdfClose();
-  // The unsorted sample sorted in place: `info` then says sorted, and the export is the same.
+  // The unsorted sample sorted in place: `info` then says sorted.
   const std::string unsorted = "mdflib_unsorted";
-  ASSERT_EQ(
-      infos[std::find(files.begin(), files.end(), unsorted + ".mdf") - files.begin()]["sorted"],
-      false);
+  ASSERT_EQ(infos.back()["file"], unsorted + ".mdf");  // the last by name
+  ASSERT_EQ(infos.back()["sorted"], false);
   const Outcome sorted = korvel("sort " + unsorted + ".mdf --quiet");
   EXPECT_EQ(std::make_tuple(sorted.code, sorted.out, sorted.err),
             std::make_tuple(0, unsorted + ".mdf: sorted\n", ""));
   EXPECT_EQ(json::parse(korvel("info --json " + unsorted + ".mdf").out)[0]["sorted"], true);
-  ASSERT_EQ(korvel("export " + unsorted + ".mdf -o after.csv").code, 0);
-  for (const std::string group : {".1.csv", ".2.csv"})
-    EXPECT_EQ(slurp(dir / ("after" + group)), slurp(dir / (unsorted + group)));
 }
 
 #if !defined(_WIN32)
