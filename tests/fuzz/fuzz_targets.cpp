@@ -108,6 +108,24 @@ void walk_group(mdf_group* group, const std::vector<channelnode*>& channels) {
       volatile size_t sum = 0;
       for (uint8_t b : info->bytes) sum = sum + b;
     }
+    // The typed getters hand out texts from the module record: each must be a whole string.
+    const char* t[2] = {};
+    const auto touch = [&] {
+      for (const char*& s : t) {
+        if (s != nullptr) static_cast<void>(std::strlen(s));
+        s = nullptr;
+      }
+    };
+    mdfChnGetDimInfo(ch, nullptr, nullptr, &t[0], &t[1]);
+    touch();
+    mdfChnGetAcanInfo(ch, nullptr, nullptr, &t[0], &t[1], nullptr, nullptr);
+    touch();
+    mdfChnGetCanInfo(ch, nullptr, nullptr, &t[0], &t[1], nullptr);
+    touch();
+    mdfChnGetSmbInfo(ch, &t[0], nullptr, nullptr);
+    touch();
+    mdfChnGetQcnInfo(ch, nullptr, nullptr, &t[0], &t[1]);
+    touch();
   }
   // Absolute, then relative backwards from the last record, then far away.
   int32_t records = 0;
@@ -125,8 +143,22 @@ void walk_group(mdf_group* group, const std::vector<channelnode*>& channels) {
   std::vector<uint8_t> bytes((n + 2) * 64);
   uint32_t done = 0;
   for (channelnode* ch : channels) {
-    mdfChnReadPhyArray(values.data(), &done, ch, 0, n + 2);
+    const int16_t st = mdfChnReadPhyArray(values.data(), &done, ch, 0, n + 2);
     if (done > n + 2) __builtin_trap();
+    // Every value read as an array is the one read alone (NaNs of any payload count as equal;
+    // text formulas may draw random numbers, which differ from one evaluation to the next).
+    uint16_t rule = 0;
+    const bool formula = mdfChnGetForm(ch, &rule, nullptr, nullptr) == 0 && rule == 10;
+    for (uint32_t r = 0; r < done && (st == 0 || st == 1) && !formula; ++r) {
+      double single = 0;
+      if (mdfGrpSeek(group, static_cast<int32_t>(r), MDF_SEEK_ABS) != 0 ||
+          mdfChnGetPhy(&single, ch, 0) != 0) {
+        break;
+      }
+      const bool same = std::memcmp(&single, &values[r], sizeof single) == 0 ||
+                        (single != single && values[r] != values[r]);
+      if (!same) __builtin_trap();
+    }
     mdfChnReadHexArray(values.data(), &done, ch, n / 2, 3);
     mdfChnReadHexIntArray(raws.data(), &done, ch, 0, n + 2);
     uint16_t bits = 0;
