@@ -30,7 +30,6 @@ TEST(BadHandles, EveryFunctionRefusesThemAndTheStatusSticks) {
   const ce_info* infop = nullptr;
   channelnode* ch = nullptr;
   mdf_group* g = nullptr;
-  channelnode* out[1] = {};
   char names[33] = {};
   // Each kind of handle is refused with its own status.
   const int F = MDF_ERR_BAD_FILE;
@@ -175,7 +174,7 @@ TEST(BadHandles, EveryFunctionRefusesThemAndTheStatusSticks) {
       ROW(C, mdfChnReadHexIntArray(u64, &u32, badC, 1, 1)),
       ROW(G, mdfGrpReadTimeArray(d, &u32, badG, 1, 1)),
       ROW(C, mdfChnReadBytesArray(bytes, 1, &u32, badC, 1, 1)),
-      ROW(G, mdfGrpOpenChannels(out, badG, 1, 1)),
+      ROW(G, mdfGrpOpenChannels(&ch, badG, 1, 1)),
       ROW(C, mdfChnGetInfoArrays(&u16, &u16, &u16, names, &badC, 1)),
       ROW(C, mdfChnReadPhyArrays(d, &u32, &badC, 1, 1, 1)),
   };

@@ -8,11 +8,9 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <set>
 #include <string>
-#include <thread>
 #include <tuple>
 
 #include "platform/platform.h"
@@ -32,7 +30,7 @@ const char* const kTempNumber = "[0-9A-Fa-f]{4}\\.TMP";
 
 // Temporary files are new, empty and named by the pattern (no doubled separator, a short
 // prefix as it is, the current directory when none is given); no directory or no room for
-// the name makes no file. Moving and removing names fail on a missing file.
+// the name makes no file.
 TEST(Platform, FilesAndNames) {
   const fs::path dir = mdftest::scratch_dir("korvel_platform");
   const fs::path old = fs::current_path();
@@ -62,74 +60,42 @@ TEST(Platform, FilesAndNames) {
     }
   }
   fs::current_path(old);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 80);
-  // Rename moves the contents, replace also puts them in the place of an existing file.
+  // Replace puts the contents in the place of the target, which may exist; no source, no move.
   const std::string a = (dir / "a").string(), b = (dir / "b").string();
-  using Move = bool (*)(const char*, const char*);
-  const std::tuple<Move, const char*, std::string> moves[] = {
-      {pf::rename_file, "contents", "contents"},
-      {pf::replace_file, "new", "new"},
-      {pf::rename_file, nullptr, "new"},  // no file a
-      {pf::replace_file, nullptr, "new"}};
-  for (const auto& [move, contents, in_b] : moves) {
+  for (const char* contents : {"contents", "new", static_cast<const char*>(nullptr)}) {
     if (contents != nullptr) std::ofstream(a) << contents;
-    EXPECT_EQ(move(a.c_str(), b.c_str()), contents != nullptr);
+    EXPECT_EQ(pf::replace_file(a.c_str(), b.c_str()), contents != nullptr);
     EXPECT_FALSE(fs::exists(a));
-    EXPECT_EQ(mdftest::slurp(b), in_b);
+    EXPECT_EQ(mdftest::slurp(b), contents != nullptr ? contents : "new");
   }
-  ASSERT_TRUE(pf::remove_file(b.c_str()));
-  EXPECT_FALSE(fs::exists(b));
-  EXPECT_FALSE(pf::remove_file(b.c_str()));
-  // Descriptor files: transfers through descriptors and streams are exercised by the numbered
-  // files' tests; what those do not reach is checked here.
+  // Descriptor files: what the numbered files' tests do not reach. A new file is its owner's
+  // alone to read and write; offsets reach beyond 32 bits where the file system allows.
   const std::string name = (dir / "f").string();
-  EXPECT_EQ(pf::open_file(name.c_str(), pf::OpenMode::read_write), -1);
-  int fd = pf::open_file(name.c_str(), pf::OpenMode::create);
+  const int fd = pf::open_file(name.c_str(), pf::OpenMode::create);
   ASSERT_GE(fd, 0);
-  EXPECT_TRUE(pf::write_file(fd, "0123456789", 10));
-  EXPECT_TRUE(pf::close_file(fd));
+  EXPECT_TRUE(pf::write_file_at(fd, "0123456789", 10, 0));
   EXPECT_EQ(fs::status(name).permissions() & fs::perms::owner_all,
             fs::perms::owner_read | fs::perms::owner_write);
-  fd = pf::open_file(name.c_str(), pf::OpenMode::create);  // neither truncates nor replaces
-  EXPECT_EQ(pf::file_length(fd), 10);
-  char buf[16] = {};
-  EXPECT_TRUE(pf::read_file(fd, buf, 4));
-  // Positioned transfers neither use nor move the descriptor's position.
-  EXPECT_TRUE(pf::write_file_at(fd, "AB", 2, 8));
-  EXPECT_EQ(pf::read_file_at(fd, buf, 16, 6), 4);  // stops at the end
-  EXPECT_EQ(std::string(buf, 4), "67AB");
-  EXPECT_TRUE(pf::read_file(fd, buf, 2));
-  EXPECT_EQ(std::string(buf, 2), "45");
-  EXPECT_EQ(pf::read_file_at(fd, buf, 4, -1), -1);
-  EXPECT_TRUE(pf::seek_file(fd, 8));
-  EXPECT_FALSE(pf::read_file(fd, buf, 4));  // a sequential read must complete
-  EXPECT_TRUE(pf::seek_file(fd, 2));
-  EXPECT_TRUE(pf::write_file(fd, "xy", 2));
-  EXPECT_FALSE(pf::set_file_length(fd, -1));
-  EXPECT_EQ(pf::file_length(-1), -1);
-  const int64_t big = int64_t{5} << 30;  // beyond 32 bits, where the file system allows
-  pf::FileStatus st[3];
+  const int64_t big = int64_t{5} << 30;
+  char buf[2] = {};
   if (pf::set_file_length(fd, big)) {
-    EXPECT_EQ(pf::file_length(fd), big);
-    EXPECT_TRUE(pf::file_status(fd, &st[0]) && st[0].length == big);
     EXPECT_TRUE(pf::write_file_at(fd, "E", 1, big - 1));
-    EXPECT_EQ(pf::read_file_at(fd, buf, 2, big - 1), 1);
+    EXPECT_EQ(pf::read_file_at(fd, buf, 2, big - 1), 1);  // stops at the end
     EXPECT_EQ(buf[0], 'E');
     EXPECT_TRUE(pf::set_file_length(fd, 10));
   }
-  // The status tells whether two descriptors refer to one file.
+  // The status tells the length and whether two descriptors refer to one file.
   std::ofstream(dir / "g") << "1";
   const int same = pf::open_file(name.c_str(), pf::OpenMode::read);
   const int other = pf::open_file((dir / "g").string().c_str(), pf::OpenMode::read);
+  pf::FileStatus st[3];
   ASSERT_TRUE(pf::file_status(fd, &st[0]) && pf::file_status(same, &st[1]) &&
               pf::file_status(other, &st[2]));
   EXPECT_EQ(st[0].length, 10);
   EXPECT_TRUE(st[0].device == st[1].device && st[0].file_id == st[1].file_id);
   EXPECT_FALSE(st[0].device == st[2].device && st[0].file_id == st[2].file_id);
-  EXPECT_FALSE(pf::file_status(-1, &st[0]));
-  EXPECT_FALSE(pf::write_file(same, "x", 1));  // read only
   for (int f : {fd, same, other}) EXPECT_TRUE(pf::close_file(f));
-  EXPECT_EQ(mdftest::slurp(name), "01xy4567AB");
+  EXPECT_EQ(mdftest::slurp(name), "0123456789");
   fs::remove_all(dir);
 }
 
@@ -144,8 +110,6 @@ void expect_local_time(int32_t minutes_west, bool fixed) {
   const std::time_t after = std::time(nullptr);
   EXPECT_EQ(r.minutes_west, minutes_west);
   EXPECT_LE(std::llabs(r.seconds - before), 2);
-  ASSERT_TRUE(t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31) << t.month;
-  EXPECT_TRUE(t.hour < 24 && t.minute < 60 && t.second < 61 && t.millisecond < 1000);
   using namespace std::chrono;
   const int64_t days = sys_days{year{t.year} / t.month / t.day}.time_since_epoch().count();
   const int64_t utc = days * 86400 + t.hour * 3600 + t.minute * 60 + t.second + 60 * minutes_west;
@@ -155,12 +119,7 @@ void expect_local_time(int32_t minutes_west, bool fixed) {
   EXPECT_TRUE(standard || (!fixed && daylight)) << utc - before;
 }
 
-TEST(Platform, ClocksInTheZoneOfTheProcessMemoryAndModulePath) {
-  const uint32_t t0 = pf::tick_count_ms();
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  const uint32_t elapsed = pf::tick_count_ms() - t0;  // wrapping difference
-  EXPECT_GE(elapsed, 25u);
-  EXPECT_LT(elapsed, 10000u);
+TEST(Platform, ClockInTheZoneOfTheProcessMemoryAndModulePath) {
 #if defined(_WIN32)
   // The system's zone, which a test cannot change: offset and calendar must agree.
   pf::ClockReading r;
@@ -174,8 +133,7 @@ TEST(Platform, ClocksInTheZoneOfTheProcessMemoryAndModulePath) {
     int32_t minutes_west;
     bool fixed;  // no daylight saving
   } cases[] = {{"UTC0", 0, true}, {"EST5EDT,M3.2.0,M11.1.0", 300, false},
-               {"CET-1CEST,M3.5.0,M10.5.0/3", -60, false}, {"IST-5:30", -330, true},
-               {"JST-9", -540, true}};
+               {"CET-1CEST,M3.5.0,M10.5.0/3", -60, false}, {"IST-5:30", -330, true}};
   // clang-format on
   const char* old = std::getenv("TZ");
   const std::string saved = old != nullptr ? old : "";

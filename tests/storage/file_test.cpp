@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <array>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -31,17 +31,26 @@ mdftest::FileModel small_file() {
   t.conversion = mdftest::linear(0.0, 0.5, "s");
   auto& v = cg.add_channel("speed", 32, 32, 0);
   v.conversion = t.conversion;  // shared conversion block
-  v.comment = "vehicle speed";
-  t.comment = v.comment;  // shared text block
   cg.add_record();
   return f;
 }
 
-// A created file: the identification with the program's name, the header with its defaults
-// or with the fields set before the close (a full project field has no terminator).
-TEST_F(FileApi, CreatedFileHoldsIdentificationAndHeader) {
+// Refused opens; a created file: the identification with the program's name, the header with
+// its defaults or with the fields set before the close (a full project field has no terminator).
+TEST_F(FileApi, RefusedOpensAndCreatedFiles) {
+  mdf_file* file = nullptr;
+  EXPECT_EQ(mdfFileOpen(&file, path("new.mdf").c_str(), 3), MDF_ERR_OPEN_MODE);
+  EXPECT_FALSE(fs::exists(path("new.mdf")));
+  restart();
+  EXPECT_EQ(mdfFileOpen(&file, path("missing.mdf").c_str(), MDF_OPEN_READ), MDF_FILE_NOT_OPENED);
+  EXPECT_EQ(file, nullptr);
+  EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: not sticky, but logged with the file name
+  const std::string line = ("could not open file " + path("missing.mdf")).substr(0, 100);
+  EXPECT_NE(mdftest::slurp("KORVEL.LOG").find(line), std::string::npos);
   mdfClose();
-  ASSERT_EQ(mdfOpen("TESTPROG"), 0);
+  EXPECT_EQ(mdfFileOpen(&file, path("new.mdf").c_str(), MDF_OPEN_CREATE), MDF_ERR_NOT_INITIALIZED);
+  ASSERT_EQ(mdfOpen("TESTPROGRAM"), 0);                               // cut to its 8 characters
+  write(mdftest::Image{std::vector<uint8_t>(1000, 'x')}, "new.mdf");  // replaced by the create
   ASSERT_EQ(mdfFileClose(open_file(path("new.mdf"), MDF_OPEN_CREATE)), 0);
   const auto bytes = mdftest::load_file(path("new.mdf"));
   ASSERT_EQ(bytes.size(), 64u + 208u);
@@ -58,26 +67,20 @@ TEST_F(FileApi, CreatedFileHoldsIdentificationAndHeader) {
       std::make_tuple(h.date.size(), h.date[2], h.date[5], h.time.size(), h.timestamp_ns != 0),
       std::make_tuple(10u, ':', ':', 8u, true));
 
-  mdf_file* file = open_file(path("h.mdf"), MDF_OPEN_CREATE);
+  file = open_file(path("h.mdf"), MDF_OPEN_CREATE);
   ASSERT_EQ(mdfFileSetInfo(file, "24:12:2025", "18:30:00", "a comment", "Ann", "Test bench",
                            "Project X", "Car 7"),
             0);
   ASSERT_EQ(mdfFileSetProject(file, std::string(40, 'p').c_str()), 0);
   ASSERT_EQ(mdfFileClose(file), 0);
-  file = open_file(path("h.mdf"));
-  const char *date, *time, *text, *name, *division, *project, *subject;
-  ASSERT_EQ(mdfFileGetInfo(file, &date, &time, &text, &name, &division, &project, &subject), 0);
-  using S = std::string;
-  EXPECT_EQ(
-      std::make_tuple(S(date), S(time), S(text), S(name), S(division), S(project, 32), S(subject)),
-      std::make_tuple("24:12:2025", "18:30:00", "a comment", "Ann", "Test bench", S(32, 'p'),
-                      "Car 7"));
-  ASSERT_EQ(mdfFileClose(file), 0);
   // An explicit date replaces the stamp; the comment is appended behind the header at close.
   const auto set = mdftest::read_file(path("h.mdf"));
   ASSERT_TRUE(set.ok()) << set.error_text();
-  EXPECT_EQ(std::make_tuple(set.header.timestamp_ns, set.header.comment, set.header.comment_link),
-            std::make_tuple(0u, "a comment", 64u + 208u));
+  const auto& s = set.header;
+  EXPECT_EQ(std::make_tuple(s.date, s.time, s.author, s.organization, s.project, s.subject,
+                            s.timestamp_ns, s.comment, s.comment_link),
+            std::make_tuple("24:12:2025", "18:30:00", "Ann", "Test bench", std::string(32, 'p'),
+                            "Car 7", 0u, "a comment", 64u + 208u));
 }
 
 // Every close in modify mode appends the comment again (TX head, text, zero byte); a date set
@@ -94,13 +97,8 @@ TEST_F(FileApi, ModifiedHeaderKeepsItsSizeAndAppendsItsComment) {
   }
   EXPECT_EQ(mdftest::read_file(in).header.comment, "old comment");
   mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
-  const char *before = nullptr, *after = nullptr;
-  ASSERT_EQ(mdfFileGetText(file, &before), 0);
-  EXPECT_STREQ(before, "old comment");
   ASSERT_EQ(mdfFileSetDate(file, "01:02:2003"), 0);
   ASSERT_EQ(mdfFileSetText(file, ""), 0);
-  ASSERT_EQ(mdfFileGetText(file, &after), 0);
-  EXPECT_STREQ(after, "");
   ASSERT_EQ(mdfFileClose(file), 0);
   const auto r = mdftest::read_file(in);
   ASSERT_TRUE(r.ok()) << r.error_text();
@@ -108,96 +106,57 @@ TEST_F(FileApi, ModifiedHeaderKeepsItsSizeAndAppendsItsComment) {
             std::make_tuple(164, "01:02:2003", 0u));
 }
 
-TEST_F(FileApi, RefusedOpens) {
-  mdf_file* file = nullptr;
-  mdfClose();
-  EXPECT_EQ(mdfFileOpen(&file, path("x.mdf").c_str(), MDF_OPEN_CREATE), MDF_ERR_NOT_INITIALIZED);
-  restart();
-  EXPECT_EQ(mdfFileOpen(&file, path("x.mdf").c_str(), 3), MDF_ERR_OPEN_MODE);
-  EXPECT_FALSE(fs::exists(path("x.mdf")));
-  restart();
-  EXPECT_EQ(mdfFileOpen(&file, path("missing.mdf").c_str(), MDF_OPEN_READ), MDF_FILE_NOT_OPENED);
-  EXPECT_EQ(file, nullptr);
-  EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: not sticky
-}
-
-// Walks header -> first DG -> first CG -> first CN through the file's node tree.
-Node* first_channel(mdf_file* file) {
-  using namespace korvel::layout;
-  Node* dg = korvel::resolve_link(file->tree, file->header, hd::kFirstDg);
-  Node* cg = korvel::resolve_link(file->tree, dg, dg::kFirstCg);
-  return korvel::resolve_link(file->tree, cg, cg::kFirstCn);
-}
-
-// VAX D encoding computed from the value's binary expansion: 0.1f x 2^(E-128), hidden bit.
-std::array<uint8_t, 8> vax_d(double v) {
-  std::array<uint8_t, 8> out{};
-  if (v == 0.0) return out;
-  int e = 0;
-  const double m = std::frexp(std::fabs(v), &e);  // m in [0.5, 1)
-  const uint64_t fraction = static_cast<uint64_t>(std::ldexp(m * 2.0 - 1.0, 55));
-  const uint64_t bits = (uint64_t{v < 0} << 63) | (uint64_t(e + 128) << 55) | fraction;
-  for (int w = 0; w < 4; ++w) {
-    const uint16_t word = static_cast<uint16_t>(bits >> (48 - 16 * w));
-    out[2 * w] = static_cast<uint8_t>(word);
-    out[2 * w + 1] = static_cast<uint8_t>(word >> 8);
-  }
-  return out;
-}
-
-TEST_F(FileApi, VaxDFileReadsAsIeeeAndRefusesModify) {
+// A VAX D file reads as IEEE and refuses modify. Channel blocks of each size read with their
+// links; a float type that contradicts the bit count is repaired.
+TEST_F(FileApi, ChannelBlocksOfAVaxDFileAsRead) {
+  struct Case {
+    uint16_t size, data_type, bits, expected_type, links;
+  };
+  const Case cases[] = {
+      {218, 2, 64, 3, 5}, {222, 3, 32, 2, 6}, {228, 2, 32, 2, 7}, {240, 0, 16, 0, 7}};
   auto f = small_file();
   f.id.float_format = 2;
-  f.encode_real = vax_d;
-  auto& v = f.data_groups[0].channel_groups[0].channels[1];
-  v.range_valid = 1;
-  v.min = -1.5;
-  v.max = 1000.25;
-  v.sample_rate = 0.01;
+  // The converter is checked against hand-worked bit patterns by the VAX tests.
+  f.encode_real = [](double v) {
+    std::array<uint8_t, 8> out;
+    std::memcpy(out.data(), &v, 8);
+    mdfPCDoubleToVAXDFloat(out.data());
+    return out;
+  };
+  auto& group = f.data_groups[0].channel_groups[0];
+  group.channels[1].range_valid = 1;
+  group.channels[1].min = -1.5;
+  group.channels[1].max = 1000.25;
+  group.channels[1].sample_rate = 0.01;
+  for (const auto& c : cases) group.add_channel("x", 0, c.bits, c.data_type).block_size = c.size;
   const auto in = write(f);
-
   mdf_file* file = open_file(in);
-  namespace cn = korvel::layout::cn;
-  Node* speed = korvel::resolve_link(file->tree, first_channel(file), cn::kNext);
+  using namespace korvel::layout;
+  const auto link = [&](Node* from, uint32_t field) {
+    return korvel::resolve_link(file->tree, from, field);
+  };
+  Node* first = link(link(link(file->header, hd::kFirstDg), dg::kFirstCg), cg::kFirstCn);
+  Node* speed = link(first, cn::kNext);
   ASSERT_NE(speed, nullptr);
-  EXPECT_EQ(korvel::load_f64(speed->image + cn::kMinimum), -1.5);
-  EXPECT_EQ(korvel::load_f64(speed->image + cn::kMaximum), 1000.25);
-  EXPECT_DOUBLE_EQ(korvel::load_f64(speed->image + cn::kSampleRate), 0.01);
   // The shared conversion is converted once: factor 0.5 stays 0.5.
-  Node* cc = korvel::resolve_link(file->tree, speed, cn::kConversion);
-  EXPECT_EQ(korvel::load_f64(cc->image + korvel::layout::cc::kParams + 8), 0.5);
+  Node* conversion = link(speed, cn::kConversion);
+  const auto f64 = [](const Node* n, std::size_t at) { return korvel::load_f64(n->image + at); };
+  EXPECT_EQ(std::make_tuple(f64(speed, cn::kMinimum), f64(speed, cn::kMaximum),
+                            f64(conversion, cc::kParams + 8)),
+            std::make_tuple(-1.5, 1000.25, 0.5));
+  EXPECT_DOUBLE_EQ(f64(speed, cn::kSampleRate), 0.01);
+  Node* x = speed;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    x = link(x, cn::kNext);
+    ASSERT_NE(x, nullptr);
+    EXPECT_EQ(korvel::load_le16(x->image + cn::kDataType), c.expected_type);
+    EXPECT_EQ(x->link_count, c.links);
+  }
   ASSERT_EQ(mdfFileClose(file), 0);
   EXPECT_EQ(mdfFileOpen(&file, in.c_str(), MDF_OPEN_MODIFY), MDF_ERR_FLOAT_FORMAT);
   EXPECT_EQ(file, nullptr);
   EXPECT_EQ(mdfGetErrorCode(), MDF_ERR_FLOAT_FORMAT);
-}
-
-TEST_F(FileApi, ChannelBlockSizesAndFloatRepair) {
-  struct Case {
-    uint16_t size, data_type, bits, expected_type, links;
-  };
-  const Case cases[] = {{218, 2, 64, 3, 5},
-                        {222, 3, 32, 2, 6},
-                        {228, 2, 32, 2, 7},
-                        {228, 3, 64, 3, 7},
-                        {240, 0, 16, 0, 7}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.size);
-    mdftest::FileModel f;
-    auto& ch = f.add_data_group().add_channel_group(8).add_channel("x", 0, c.bits, c.data_type);
-    ch.block_size = c.size;
-    if (c.size >= 222) ch.long_name = "a long name";
-    mdf_file* file = open_file(write(f));
-    Node* cn = first_channel(file);
-    ASSERT_NE(cn, nullptr);
-    EXPECT_EQ(korvel::load_le16(cn->image + korvel::layout::cn::kDataType), c.expected_type);
-    EXPECT_EQ(cn->link_count, c.links);
-    if (c.size >= 222) {
-      Node* tx = korvel::resolve_link(file->tree, cn, korvel::layout::cn::kLongName);
-      EXPECT_STREQ(korvel::text_of(tx), "a long name");
-    }
-    ASSERT_EQ(mdfFileClose(file), 0);
-  }
 }
 
 // Damaged and hostile files: each must end the open with its status, never hang or crash.
@@ -225,13 +184,10 @@ TEST_F(FileApi, DamagedFilesGiveTheirStatuses) {
       EXPECT_EQ(file, nullptr);
       continue;
     }
-    mdf_group* g = nullptr;
+    mdf_group* g = probe.empty() ? nullptr : mdftest::open_group(file, 1, uint16_t(mode));
     channelnode* ch = nullptr;
+    if (g != nullptr) mdfChnOpen(&ch, g, 1);
     double value = 0;
-    if (!probe.empty()) {
-      ASSERT_EQ(mdfGrpOpen(&g, file, 1, static_cast<uint16_t>(mode)), 0);
-      mdfChnOpen(&ch, g, 1);
-    }
     int16_t got = 0;
     if (probe == "write1") {
       EXPECT_EQ(mdfGrpSeek(g, 1, MDF_SEEK_ABS), 0);
