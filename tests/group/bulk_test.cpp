@@ -71,17 +71,8 @@ void fill_group(mdftest::ChannelGroup& cg, std::mt19937& random) {
   }
 }
 
-class BulkRead : public mdftest::Session {
- protected:
-  // The file in a fresh session, and the channel of its first group.
-  channelnode* first_channel(const mdftest::Image& file, mdf_group** g = nullptr) {
-    restart();
-    channelnode* ch = nullptr;
-    mdf_group* group = nullptr;
-    EXPECT_EQ(mdfGrpChnOpen(&ch, g ? g : &group, open_file(write(file)), 1, 0), 0);
-    return ch;
-  }
-};
+using BulkRead = mdftest::Session;
+using mdftest::open_group;
 
 // Every record read both ways for one kind of value: the same statuses and the same bits. A
 // type the decoders refuse reads nothing, and so does any failure of a raw bytes read.
@@ -139,75 +130,6 @@ void compare_channel(mdf_group* g, channelnode* ch, uint32_t records) {
       true);
 }
 
-void compare_group(mdf_file* file, uint16_t number, uint32_t records) {
-  mdf_group* g = mdftest::open_group(file, number);
-  uint16_t channels = 0;
-  ASSERT_EQ(mdfGrpChannels(&channels, g), 0);
-  for (uint16_t i = 1; i <= channels; ++i) {
-    channelnode* ch = mdftest::open_channel(g, i);
-    SCOPED_TRACE("channel " + std::to_string(i));
-    compare_channel(g, ch, records);
-    ASSERT_EQ(mdfChnClose(ch), 0);
-    if (::testing::Test::HasFatalFailure()) return;
-  }
-  compare<double>(
-      g, g, records, [](double* v, mdf_group* grp) { return mdfGrpGetTime(v, grp); },
-      mdfGrpReadTimeArray);
-  ASSERT_EQ(mdfGrpClose(g), 0);
-}
-
-// The several-channel functions on group 1 against the one-channel ones: channels opened one
-// past the last, names in slots of 33 bytes, the numeric channels read at the range's edges;
-// channels of two groups in one read are refused, a sticky failure. (The Python sample tests
-// compare the info arrays with reference data, and whole groups with the one-channel reads, on
-// every sample.)
-void compare_several(mdf_file* file, uint32_t records, bool two_groups) {
-  mdf_group* g = mdftest::open_group(file, 1);
-  uint16_t n = 0;
-  ASSERT_EQ(mdfGrpChannels(&n, g), 0);
-  std::vector<channelnode*> many(n + 1u, nullptr);
-  EXPECT_EQ(mdfGrpOpenChannels(many.data(), g, 1, static_cast<uint16_t>(n + 1)),
-            MDF_CHANNEL_NOT_FOUND);
-  EXPECT_EQ(many[n], nullptr);         // the missing slot NULL, the others open
-  std::vector<uint16_t> info(3u * n);  // types, bits, value types
-  std::vector<char> names(33u * n, 'x');
-  ASSERT_EQ(mdfChnGetInfoArrays(info.data(), &info[n], &info[2u * n], names.data(), many.data(), n),
-            0);
-  std::vector<channelnode*> numeric;
-  for (uint16_t c = 0; c < n; ++c) {
-    EXPECT_STREQ(&names[33u * c], ("c" + std::to_string(c)).c_str());
-    EXPECT_EQ(names[33u * c + 32], '\0');
-    uint16_t type = 9, bits = 0, v = 99;  // the arrays hold what the one-channel getter gives
-    ASSERT_EQ(mdfChnGetInfo(many[c], &type, &bits, &v, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(std::make_tuple(info[c], info[n + c], info[2u * n + c]),
-              std::make_tuple(type, bits, v));
-    // In reverse: the last row, the first channel, reads every record, and gives `done`.
-    if (v != MDF_DT_STRING && v != MDF_DT_BYTES) numeric.insert(numeric.begin(), many[c]);
-  }
-  const auto k = static_cast<uint16_t>(numeric.size());
-  // Whole group, the last record with one beyond, and a start past the end.
-  const uint32_t ranges[][2] = {{0, records}, {records - 1, 2}, {records, 3}};
-  for (const auto& [first, count] : ranges) {
-    std::vector<double> rows(std::size_t{k} * count, -1.0), expect(count, -1.0);
-    uint32_t done = 99;
-    const int16_t st = mdfChnReadPhyArrays(rows.data(), &done, numeric.data(), k, first, count);
-    int16_t want_status = 0;
-    uint32_t want_done = 0;
-    for (uint16_t c = 0; c < k; ++c) {
-      const int16_t s = mdfChnReadPhyArray(expect.data(), &want_done, numeric[c], first, count);
-      if (want_status == 0 || (want_status == 1 && s != 0)) want_status = s;
-      EXPECT_EQ(std::memcmp(&rows[std::size_t{c} * count], expect.data(), want_done * 8), 0)
-          << "channel " << c << " from " << first;
-    }
-    EXPECT_EQ(std::make_pair(st, done), std::make_pair(want_status, want_done)) << first;
-  }
-  if (two_groups) {
-    channelnode* mixed[2] = {many[0], mdftest::open_channel(mdftest::open_group(file, 2), 1)};
-    double out[2] = {};
-    EXPECT_EQ(mdfChnReadPhyArrays(out, nullptr, mixed, 2, 0, 1), MDF_ERR_FATAL);
-  }
-}
-
 TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGroups) {
   struct Case {
     const char* name;
@@ -233,10 +155,17 @@ TEST_F(BulkRead, EveryLayoutAndRuleAsThePerValueFunctionsInSortedAndUnsortedGrou
         (take_other ? b : a)++;
       }
     }
-    mdf_file* file = open_file(write(f));
-    compare_group(file, 1, kRecords);
-    if (HasFatalFailure()) return;
-    compare_several(file, kRecords, c.second_group);
+    mdf_group* g = open_group(open_file(write(f)), 1);
+    for (size_t i = 1; i <= dg.channel_groups[0].channels.size(); ++i) {
+      channelnode* ch = mdftest::open_channel(g, i);
+      SCOPED_TRACE("channel " + std::to_string(i));
+      compare_channel(g, ch, kRecords);
+      ASSERT_EQ(mdfChnClose(ch), 0);
+      if (HasFatalFailure()) return;
+    }
+    compare<double>(
+        g, g, kRecords, [](double* v, mdf_group* grp) { return mdfGrpGetTime(v, grp); },
+        mdfGrpReadTimeArray);
     restart();
   }
 }
@@ -257,12 +186,22 @@ mdftest::FileModel counting(uint16_t ids) {
   return f;
 }
 
-// The range's edges, and the refusals of arguments: each refused read is sticky (the sorted
-// group has nowhere to put the values, the unsorted one a slot narrower than its 2-byte field).
+// The range's edges, read for one channel and for the channel twice by the several-channel
+// read, and the refusals of arguments: each refused read is sticky (the sorted group has
+// nowhere to put the values, the unsorted one a slot narrower than its 2-byte field, and
+// channels of two groups in one read); channels opened one past the last are refused, and so
+// are the time functions on a group without a time channel, a time search with a sticky failure.
 TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOneAndBadArgumentsAreRefused) {
   for (uint16_t ids : {uint16_t{0}, uint16_t{2}}) {
+    restart();
+    mdf_file* file = open_file(write(counting(ids)));
     mdf_group* g = nullptr;
-    channelnode* ch = first_channel(mdftest::build(counting(ids)), &g);
+    channelnode* ch = nullptr;
+    ASSERT_EQ(mdfGrpChnOpen(&ch, &g, file, 1, 0), 0);
+    channelnode* twice[2] = {ch, nullptr};
+    EXPECT_EQ(mdfGrpOpenChannels(twice, g, 1, 2), MDF_CHANNEL_NOT_FOUND);
+    EXPECT_EQ(twice[1], nullptr);  // the missing slot NULL
+    twice[1] = ch;
     struct Edge {
       uint32_t first, count;
       int16_t status;
@@ -280,7 +219,11 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOneAndBadArgumentsAreRe
       EXPECT_EQ(mdfChnReadPhyArray(out, &done, ch, e.first, e.count), e.status);
       EXPECT_EQ(done, e.done);
       for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(v[i], 1.0 + 2.0 * (e.first + i));
-      EXPECT_EQ(v[done], -7.0);  // nothing beyond what was read
+      EXPECT_EQ(v[done], -7.0);                         // nothing beyond what was read
+      std::vector<double> rows(2 * e.count + 1, -7.0);  // a row of `count` values per channel
+      EXPECT_EQ(mdfChnReadPhyArrays(rows.data(), &done, twice, 2, e.first, e.count), e.status);
+      EXPECT_EQ(done, e.done);
+      for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(rows[e.count + i], v[i]);
     }
     // Reading one at a time from the end backwards, through the kept records.
     for (uint32_t r = 10; r-- > 0;) {
@@ -291,12 +234,26 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOneAndBadArgumentsAreRe
     double v[2];
     uint8_t bytes[4];
     EXPECT_EQ(mdfGrpReadTimeArray(v, nullptr, g, 0, 1), MDF_NO_TIME_CHANNEL);
+    v[0] = 7;
+    EXPECT_EQ(mdfGrpGetTime(v, g), MDF_NO_TIME_CHANNEL);
+    EXPECT_EQ(v[0], 0.0);
+    EXPECT_EQ(mdfGrpSetTime(g, 1.0), MDF_NO_TIME_CHANNEL);
     if (ids == 0) {
       EXPECT_EQ(mdfChnReadPhyArray(nullptr, nullptr, ch, 0, 1), MDF_ERR_FATAL);
     } else {
       EXPECT_EQ(mdfChnReadBytesArray(bytes, 1, nullptr, ch, 0, 2), MDF_ERR_FATAL);
     }
     EXPECT_EQ(mdfChnReadPhyArray(v, nullptr, ch, 0, 1), MDF_ERR_FATAL);
+    restart();
+    mdf_file* again = open_file(path("in.mdf"));
+    g = mdftest::open_group(again, 1);
+    if (ids == 0) {
+      EXPECT_EQ(mdfGrpSeekTime(g, 1.0, 0), MDF_ERR_FATAL);  // a time search needs a time channel
+    } else {
+      twice[0] = mdftest::open_channel(g, 1);
+      twice[1] = mdftest::open_channel(mdftest::open_group(again, 2), 1);
+      EXPECT_EQ(mdfChnReadPhyArrays(v, nullptr, twice, 2, 0, 1), MDF_ERR_FATAL);
+    }
   }
 }
 

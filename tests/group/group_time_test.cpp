@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <optional>
 #include <tuple>
@@ -35,10 +34,12 @@ class GroupTime : public mdftest::Session {
 };
 
 // A channel group whose time channel (double) holds kTimes; with `unsorted` its records
-// interleave with those of a second channel group.
+// interleave with those of a second channel group, and its trigger block counts 400 events but
+// holds one.
 mdftest::FileModel timed(bool unsorted) {
   mdftest::FileModel f;
   auto& dg = f.add_data_group(unsorted ? 1 : 0);
+  if (unsorted) dg.trigger = mdftest::Trigger{"note", {{1, 2, 3}}, 400, {}};
   for (uint16_t c = 1; c <= (unsorted ? 2 : 1); ++c) {
     auto& cg = dg.add_channel_group(8, c);
     cg.add_channel("t", 0, 64, 3, MDF_CHN_TIME);
@@ -81,34 +82,20 @@ TEST_F(GroupTime, SeekTimeTable) {
       if ((u != 0) != unsorted) continue;
       SCOPED_TRACE(testing::Message() << u << " " << start << " " << time << " " << mode);
       EXPECT_EQ(seek(g, start, time, mode), std::make_pair(int(status), uint32_t(at)));
-      double t = -1;
-      EXPECT_EQ(mdfGrpGetTime(&t, g), 0);
-      EXPECT_EQ(t, kTimes[tell(g)]);
     }
+    // Without a trigger block a refusal that is not sticky; every counted event can be read,
+    // those the block lacks as zeros.
+    const char* comment = "x";
+    uint16_t count = 99;
+    const void* events = &count;
+    EXPECT_EQ(mdfGrpGetTrigger(g, &comment, &count, &events), unsorted ? 0 : MDF_NO_TRIGGER);
+    EXPECT_EQ(std::make_tuple(count, events == nullptr),
+              std::make_tuple(unsorted ? 400 : 0, !unsorted));
+    EXPECT_STREQ(comment, unsorted ? "note" : nullptr);
+    std::vector<double> all(3u * count);
+    if (count > 0) std::memcpy(all.data(), events, all.size() * sizeof(double));
+    for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i < 3 ? double(i + 1) : 0.0) << i;
     EXPECT_EQ(mdfGetErrorCode(), 0);
-    restart();
-  }
-}
-
-// Raw 0..3 through a linear rule with an offset (10, 10.5, 11, 11.5) and an interpolating
-// table (0, 10, 15, 20): seeking a time between records, and storing a time as raw value.
-TEST_F(GroupTime, TimeThroughTheRuleBothWays) {
-  using Case = std::tuple<mdftest::ConversionPtr, double, uint32_t, double, uint32_t>;
-  for (const auto& [rule, time, nearest, set, raw] :
-       {Case{mdftest::linear(10.0, 0.5), 11.2, 2, 11.5, 3},
-        Case{mdftest::table(true, {{0, 0}, {1, 10}, {3, 20}}), 12.0, 1, 15.0, 2}}) {
-    mdftest::FileModel f;
-    auto& cg = f.add_data_group().add_channel_group(4);
-    cg.add_channel("t", 0, 32, 0, MDF_CHN_TIME).conversion = rule;
-    for (uint32_t k = 0; k < 4; ++k) mdftest::put_bits(cg.add_record(), 0, 32, k);
-    mdf_group* g = open(write(f), MDF_OPEN_READ);
-    // At record 0 the current time counts as 0.0, so seeking 0.0 returns at once.
-    EXPECT_EQ(mdfGrpSeekTime(g, 0.0, MDF_SEEK_TIME_EXACT), 0);
-    EXPECT_EQ(seek(g, 0, time, MDF_SEEK_TIME_NEAREST), std::make_pair(0, nearest));
-    uint8_t* data = nullptr;
-    EXPECT_EQ(std::make_pair(mdfGrpSetTime(g, set), mdfGrpBuffer(&data, g)),
-              std::make_pair(int16_t{0}, 24 + 4));
-    EXPECT_EQ(mdftest::get_bits({data, 4}, 0, 32), raw);
     restart();
   }
 }
@@ -165,66 +152,6 @@ TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
   std::vector<uint64_t> raw;
   for (const auto& record : modified.records) raw.push_back(mdftest::get_bits(record, 0, 16));
   EXPECT_EQ(raw, (std::vector<uint64_t>{0, 3, 8, 9}));
-}
-
-// Trigger blocks read from files: none (a refusal that is not sticky), zero events, and a count
-// larger than the block holds. The file without a trigger has no time channel either: the time
-// functions refuse, a time search with a sticky failure.
-TEST_F(GroupTime, TriggersReadFromFilesAndRefusals) {
-  for (int n : {0, 1, 400, -1}) {
-    auto f = timed(false);
-    if (n >= 0) f.data_groups[0].trigger = mdftest::Trigger{"note", {}, uint16_t(n), {}};
-    if (n > 0) f.data_groups[0].trigger->events.push_back({1, 2, 3});
-    if (n < 0) f.data_groups[0].channel_groups[0].channels[0].channel_type = 0;
-    mdf_group* g = open(write(f), MDF_OPEN_READ);
-    const char* comment = "x";
-    uint16_t count = 99;
-    const void* events = &count;
-    EXPECT_EQ(mdfGrpGetTrigger(g, &comment, &count, &events), n < 0 ? MDF_NO_TRIGGER : 0);
-    EXPECT_EQ(std::make_tuple(count, comment == nullptr, events == nullptr),
-              std::make_tuple(std::max(n, 0), n < 0, n < 0));
-    EXPECT_STREQ(comment, n < 0 ? nullptr : "note");
-    // Every counted event can be read; those the block lacks read as zeros.
-    std::vector<double> all(3u * std::max(n, 0));
-    if (n > 0) std::memcpy(all.data(), events, all.size() * sizeof(double));
-    for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i < 3 ? double(i + 1) : 0.0) << i;
-    EXPECT_EQ(mdfGetErrorCode(), 0);  // positive: not sticky
-    restart();
-  }
-  // The file of the last case, without a time channel.
-  mdf_group* g = open(file(), MDF_OPEN_READ);
-  double t = 7;
-  EXPECT_EQ(mdfGrpGetTime(&t, g), MDF_NO_TIME_CHANNEL);
-  EXPECT_EQ(t, 0.0);
-  EXPECT_EQ(mdfGrpSetTime(g, 1.0), MDF_NO_TIME_CHANNEL);
-  EXPECT_EQ(mdfGrpSeekTime(g, 1.0, 0), MDF_ERR_FATAL);  // a time search needs a time channel
-}
-
-// A sorted group of 2^31 + 100 one-byte records (a sparse file), times 0 but the last 1: the
-// search neither wraps its midpoint nor goes round for ever below record 0.
-TEST_F(GroupTime, SeekTimeBeyondTwoToThe31Records) {
-  constexpr uint32_t kCount = (1u << 31) + 100;
-  mdftest::FileModel f;
-  f.data_at_end = true;
-  auto& cg = f.add_data_group().add_channel_group(1);
-  cg.add_channel("t", 0, 8, 0, MDF_CHN_TIME);
-  cg.add_record();
-  cg.record_count = kCount;
-  const auto built = mdftest::build(f);
-  write(built);
-  {
-    // Writing the last record's byte past the end leaves a hole of zeros.
-    std::fstream out(file(), std::ios::in | std::ios::out | std::ios::binary);
-    out.seekp(static_cast<std::streamoff>(uint64_t{built.data_groups[0].data} + kCount - 1));
-    ASSERT_TRUE(out.put(1).good());
-  }
-  mdf_group* g = open(file(), MDF_OPEN_READ);
-  using P = std::pair<int, uint32_t>;
-  EXPECT_EQ(seek(g, 0, -1.0, 0), P(1, 0));
-  EXPECT_EQ(seek(g, kCount - 50, -1.0, 5), P(1, 0));
-  EXPECT_EQ(seek(g, kCount - 50, 0.5, 0), P(0, kCount - 1));
-  EXPECT_EQ(seek(g, kCount - 50, 0.5, 3), P(0, kCount - 2));
-  EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
 }  // namespace
