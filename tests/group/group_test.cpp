@@ -351,4 +351,25 @@ TEST_F(GroupApi, ModifyModeWritesRecordsAndDeletesGroups) {
   }
 }
 
+// A channel created through one group handle widens the record of every handle on its channel
+// group: set through another handle, its eight bytes stay inside that handle's record.
+TEST_F(GroupApi, AGrownRecordReachesEveryHandleOnItsChannelGroup) {
+  mdf_file* file = open_file(path("grow.mdf"), MDF_OPEN_CREATE);
+  mdf_group* made = open_group(file, 1, MDF_OPEN_CREATE);
+  channelnode* ch = nullptr;
+  ASSERT_EQ(mdfChnCreate(&ch, made, 0, 8, MDF_DT_UINT, "small"), 0);
+  for (int k = 0; k < 2; ++k) ASSERT_EQ(mdfGrpWriteAppend(made), 0);
+  ASSERT_EQ(mdfGrpClose(made), 0);
+  mdf_group *a = open_group(file, 1), *b = open_group(file, 1);
+  ASSERT_EQ(mdfChnCreate(&ch, a, 0, 64, MDF_DT_UINT, "wide"), 0);  // in memory only
+  EXPECT_EQ(mdfGrpBuffer(nullptr, b), 9 + 24);
+  channelnode* through_b = nullptr;
+  ASSERT_EQ(mdfChnOpenName(&through_b, b, "wide"), 0);
+  ASSERT_EQ(mdfChnSetHexInt(through_b, 0x0102030405060708u), 0);  // bytes 1..8 of b's record
+  uint64_t back = 0;
+  EXPECT_EQ(mdfChnGetHexInt(&back, through_b, 0), 0);
+  EXPECT_EQ(back, 0x0102030405060708u);
+  EXPECT_EQ(mdfGrpSeek(b, 0, MDF_SEEK_ABS), 0);
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <optional>
 #include <tuple>
@@ -152,6 +153,33 @@ TEST_F(GroupTime, TimesCommentsAndTriggersReachTheFile) {
   std::vector<uint64_t> raw;
   for (const auto& record : modified.records) raw.push_back(mdftest::get_bits(record, 0, 16));
   EXPECT_EQ(raw, (std::vector<uint64_t>{0, 3, 8, 9}));
+}
+
+// A sorted group of 2^31 + 100 one-byte records (a sparse file), times 0 but the last 1: the
+// search neither wraps its midpoint nor goes round for ever below record 0.
+TEST_F(GroupTime, SeekTimeBeyondTwoToThe31Records) {
+  constexpr uint32_t kCount = (1u << 31) + 100;
+  mdftest::FileModel f;
+  f.data_at_end = true;
+  auto& cg = f.add_data_group().add_channel_group(1);
+  cg.add_channel("t", 0, 8, 0, MDF_CHN_TIME);
+  cg.add_record();
+  cg.record_count = kCount;
+  const auto built = mdftest::build(f);
+  write(built);
+  {
+    // Writing the last record's byte past the end leaves a hole of zeros.
+    std::fstream out(file(), std::ios::in | std::ios::out | std::ios::binary);
+    out.seekp(static_cast<std::streamoff>(uint64_t{built.data_groups[0].data} + kCount - 1));
+    ASSERT_TRUE(out.put(1).good());
+  }
+  mdf_group* g = open(file(), MDF_OPEN_READ);
+  using P = std::pair<int, uint32_t>;
+  EXPECT_EQ(seek(g, 0, -1.0, 0), P(1, 0));
+  EXPECT_EQ(seek(g, kCount - 50, -1.0, 5), P(1, 0));
+  EXPECT_EQ(seek(g, kCount - 50, 0.5, 0), P(0, kCount - 1));
+  EXPECT_EQ(seek(g, kCount - 50, 0.5, 3), P(0, kCount - 2));
+  EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
 }  // namespace
