@@ -4,6 +4,7 @@
 // channel API tests' subject).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <limits>
 #include <string>
@@ -21,6 +22,7 @@ namespace cn = korvel::layout::cn;
 using Bytes = std::vector<uint8_t>;
 
 constexpr int16_t kU = MDF_UNSUPPORTED_TYPE;
+constexpr int16_t kAlign = MDF_NOT_BYTE_ALIGNED;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 const uint8_t F = 0xFF;
@@ -165,6 +167,44 @@ TEST(EncodeTest, RawFromDoubleAndFromInteger) {
                             : korvel::encode_hex_int(
                                   record, cn, static_cast<uint64_t>(static_cast<int64_t>(c.value)));
     EXPECT_EQ(std::pair(status, record), std::pair(c.status, c.after)) << c.value;
+  });
+}
+
+// Byte copies stay inside the record and the caller's buffer: a copy cut to the room given, a
+// decoded string up to its first zero byte (encoded as it stands), and refusals of fields that
+// are not whole bytes (1016) or lie past the record (1020). A refused decode clears the first
+// buffer byte; nothing else is written, and a refused encode leaves the record as it was.
+TEST(ByteCopyTest, StaysInsideRecordAndBuffer) {
+  const uint8_t E = 0xEE;
+  const Bytes record = {0x00, 0x11, 0x22, 0x33, 0x44, 'A', 'B', 0, 'C', 'D'};
+  const Bytes src = {'A', 0, 'C', 'D', 'E', 'F'};
+  // `out`: the 6-byte buffer after a decode of the record (prefilled with E); `encoded`: the
+  // bytes an encode of `room` bytes of src puts at the field's first byte of a record of 9s.
+  struct Case {
+    int code, first_bit, bits;
+    uint32_t room;
+    int16_t status;
+    uint32_t length;
+    Bytes out, encoded;
+  };
+  const Case cases[] = {
+      {8, 8, 24, 2, 0, 2, {0x11, 0x22, E, E, E, E}, {'A', 0}},
+      {7, 40, 40, 6, 0, 5, {'A', 'B', 0, E, E, E}, {'A', 0, 'C', 'D', 'E'}},
+      {8, 8, 24, 0, 0, 0, Bytes(6, E), {}},
+      {8, 4, 16, 6, kAlign, 0, {0, E, E, E, E, E}, {}},
+      {8, 8, 20, 6, kAlign, 0, {0, E, E, E, E, E}, {}},
+      {8, 72, 16, 6, kU, 0, {0, E, E, E, E, E}, {}},
+  };
+  each(cases, [&](const Case& c, const uint8_t* cn) {
+    Bytes out(6, E);
+    uint32_t length = c.room;
+    const auto status = korvel::decode_data(record, cn, out.data(), &length);
+    EXPECT_EQ(std::tuple(status, length, out), std::tuple(c.status, c.length, c.out));
+    Bytes written(record.size(), 9);
+    Bytes expected = written;
+    std::copy(c.encoded.begin(), c.encoded.end(), expected.begin() + c.first_bit / 8);
+    const auto encoded = korvel::encode_data(written, cn, src.data(), c.room);
+    EXPECT_EQ(std::pair(encoded, written), std::pair(c.status, expected));
   });
 }
 
