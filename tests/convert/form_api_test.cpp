@@ -51,7 +51,7 @@ class FormApi : public mdftest::Session {
   mdf_group* group_ = nullptr;
 };
 
-TEST_F(FormApi, GettersAndWrongKinds) {
+TEST_F(FormApi, GettersRefusalsTextFormulasAndSetters) {
   uint16_t type = 7;
   const char* unit = nullptr;
   const void* params = nullptr;
@@ -67,11 +67,6 @@ TEST_F(FormApi, GettersAndWrongKinds) {
   EXPECT_EQ(
       std::make_tuple(type, std::string(unit), *count, real_at(points, 4), real_at(points, 5)),
       std::make_tuple(MDF_CC_FRM_ITAB, "bar", uint16_t{3}, 2.0, 40.0));
-  // Entry 1 of a verbal table starts 40 bytes in.
-  ASSERT_EQ(mdfChnGetFormVTab(channel(4), &type, &unit, &count, &points), 0);
-  EXPECT_EQ(std::make_tuple(type, *count, real_at(points, 5),
-                            std::string(static_cast<const char*>(points) + 48)),
-            std::make_tuple(MDF_CC_FRM_VTAB, uint16_t{2}, 1.0, "on"));
   double offset = 7, factor = 7;
   ASSERT_EQ(mdfChnGetFormVTabR(channel(6), &type, &unit, &offset, &factor, &count, &points), 0);
   EXPECT_EQ(std::make_tuple(type, offset, factor), std::make_tuple(MDF_CC_FRM_VTABR, -10.0, 2.5));
@@ -90,8 +85,6 @@ TEST_F(FormApi, GettersAndWrongKinds) {
   const std::tuple<std::function<int16_t()>, int16_t, const char*, bool> cases[] = {
       {[&] { return mdfChnGetFormTab(channel(2), nullptr, nullptr, &count, &points); },
        MDF_NOT_A_TABLE, "illegal formula type, not a table (id=0)", false},
-      {[&] { return mdfChnGetFormVTab(channel(3), nullptr, nullptr, nullptr, nullptr); },
-       MDF_NOT_A_VTAB, "not a verbal table (id=1)", false},
       {[&] { return mdfChnGetFormVTabR(channel(4), nullptr, nullptr, &offset, &factor, nullptr,
                                        nullptr); },
        MDF_NOT_A_VTABR, "not a area verbal table (id=11)", false},
@@ -117,46 +110,8 @@ TEST_F(FormApi, GettersAndWrongKinds) {
   // A refused call hands out no table, but the offset and factor of a range table before its
   // check.
   EXPECT_EQ(std::make_tuple(count, points, factor), std::make_tuple(nullptr, nullptr, 1.0));
-  EXPECT_EQ(mdfGetErrorCode(), 0);
-}
-
-TEST_F(FormApi, SettingRules) {
-  using Ch = channelnode*;
-  using Set = int16_t (*)(Ch);
-  static const double pts[4] = {0, 1, 10, 11};
-  // clang-format off
-  // A 20-character unit fills its field without a terminator.
-  const struct { const char* what; Set set; uint16_t type; std::vector<double> params;
-                 const char* unit = "V"; } cases[] = {
-      {"type 7", [](Ch ch) { return mdfChnSetForm(ch, 7, "V", 1.0, 2.0, 3.0, 4.0, 5.0, 6.0, 7.0); },
-       7, {1, 2, 3, 4, 5, 6, 7}},
-      {"logarithmic", [](Ch ch) { return mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1); }, 8,
-       {7, 6, 5, 4, 3, 2, 1}},
-      {"table", [](Ch ch) { return mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, pts); }, 2,
-       {0, 1, 10, 11}},
-      {"long unit", [](Ch ch) { return mdfChnSetFormLin(ch, "abcdefghijklmnopqrstuvwxyz", 0, 1); },
-       0, {0, 1}, "abcdefghijklmnopqrst"},
-  };
-  // clang-format on
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    channelnode* ch = channel(1);
-    ASSERT_EQ(c.set(ch), 0);
-    uint16_t type = 99;
-    const char* unit = nullptr;
-    const void* params = nullptr;
-    ASSERT_EQ(mdfChnGetForm(ch, &type, &unit, &params), 0);
-    EXPECT_EQ(type, c.type);
-    EXPECT_EQ(std::string(unit, strnlen(unit, 20)), c.unit);
-    EXPECT_EQ(static_cast<const void*>(unit + 24), params);  // type and count lie between
-    for (size_t k = 0; k < c.params.size(); ++k) EXPECT_EQ(real_at(params, k), c.params[k]);
-    ASSERT_EQ(mdfChnClose(ch), 0);
-  }
-}
-
-// Text formulas through the channel functions: one faulty at X = 2 and one that never parses
-// give 0 with status 0 (the evaluator's status is not passed on).
-TEST_F(FormApi, TextFormulasConvertRecordValuesAndAreReadUpperCased) {
+  // Text formulas through the channel functions: one faulty at X = 2 and one that never parses
+  // give 0 with status 0 (the evaluator's status is not passed on).
   for (size_t c = 0; c < 3; ++c) {
     SCOPED_TRACE(kFormulas[c]);
     channelnode* ch = channel(static_cast<uint16_t>(c + 7));
@@ -179,6 +134,21 @@ TEST_F(FormApi, TextFormulasConvertRecordValuesAndAreReadUpperCased) {
   const auto& conversion = read.data_groups.at(0).channel_groups.at(0).channels.at(0).conversion;
   ASSERT_TRUE(conversion.has_value());
   EXPECT_EQ(conversion->formula, "X*3 - 0X10");
+  // Setters, each rule read back: type, unit (20 characters fill the field without a terminator),
+  // the parameters 24 bytes behind the unit (type and count lie between) and their values.
+  const auto expect_rule = [&](channelnode* ch, uint16_t want_type, const char* want_unit,
+                               const std::vector<double>& want) {
+    ASSERT_EQ(mdfChnGetForm(ch, &type, &unit, &params), 0);
+    EXPECT_EQ(std::make_tuple(type, std::string(unit, strnlen(unit, 20)), params),
+              std::make_tuple(want_type, want_unit, static_cast<const void*>(unit + 24)));
+    for (size_t k = 0; k < want.size(); ++k) EXPECT_EQ(real_at(params, k), want[k]) << k;
+  };
+  channelnode* ch = channel(1);
+  ASSERT_EQ(mdfChnSetForm(ch, 7, "abcdefghijklmnopqrstu", 1.0, 2.0, 3.0, 4.0, 5.0, 6.0, 7.0), 0);
+  expect_rule(ch, MDF_CC_FRM_EXP, "abcdefghijklmnopqrst", {1, 2, 3, 4, 5, 6, 7});
+  const double table[4] = {0, 1, 10, 11};
+  ASSERT_EQ(mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, table), 0);
+  expect_rule(ch, MDF_CC_FRM_TAB, "V", {0, 1, 10, 11});
   EXPECT_EQ(mdfGetErrorCode(), 0);
 }
 
