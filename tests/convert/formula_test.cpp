@@ -157,6 +157,8 @@ TEST(Formula, LongNamesAndDeepNesting) {
       {std::string(10001, '(') + "X" + std::string(10001, ')'), 0, {7, 0}, overflow},
       {std::string(100000, '-') + "X", 0, {7, 0}, overflow},
       {repeat("1+", 100000) + "X", 1, {0, 100001}, nullptr},  // left-associative: no nesting
+      {repeat("!", 100000) + "TRUE", 0, {7, 0}, overflow},
+      {repeat("MIN(1,", 50000), 0, {7, 0}, overflow},
       {repeat("(1<2)?", 50000), 0, {7, 0}, overflow},
   };
   // clang-format on
