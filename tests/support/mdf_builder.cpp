@@ -528,8 +528,7 @@ class Builder {
     else
       write_records(d, out);
     out.data_size = b_.size() - out.data;
-    const uint32_t link = d.data_link ? *d.data_link : (out.data_size == 0 ? 0 : out.data);
-    b_.patch_u32(out.offset + off::dg_data, link);
+    b_.patch_u32(out.offset + off::dg_data, out.data_size == 0 ? 0 : out.data);
   }
 
   void write_records(const DataGroup& d, BuiltDataGroup& out) {

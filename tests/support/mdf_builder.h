@@ -209,7 +209,6 @@ struct DataGroup {
   // low byte of the channel group's record id and, with two record ids, followed by it again.
   std::optional<std::vector<uint8_t>> raw_data;
   std::vector<size_t> order;
-  std::optional<uint32_t> data_link;  // default: offset of the data section, 0 if it is empty
 
   ChannelGroup& add_channel_group(uint16_t record_size, uint16_t record_id = 0);
 };
