@@ -93,9 +93,11 @@ void walk_group(mdf_group* group, const std::vector<channelnode*>& channels) {
     std::vector<uint8_t> copy(24u * events);  // every counted event must be readable
     std::memcpy(copy.data(), event_records, copy.size());
   }
+  // A time search in a group without a time channel is a sticky error that would end the walk.
   double time = 0;
-  mdfGrpGetTime(&time, group);
-  for (int mode : {0, 1, 4, 21}) mdfGrpSeekTime(group, 0.5, static_cast<uint16_t>(mode));
+  if (mdfGrpGetTime(&time, group) != MDF_NO_TIME_CHANNEL) {
+    for (int mode : {0, 1, 4, 21}) mdfGrpSeekTime(group, 0.5, static_cast<uint16_t>(mode));
+  }
   for (channelnode* ch : channels) {
     const char* text = nullptr;
     mdfChnGetText(ch, &text);

@@ -102,6 +102,9 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   // Groups in the order a reader finds them: the fast group first.
   EXPECT_LT(demo.out.find("group 1: 1000 records"), demo.out.find("group 2: 100 records"));
   const std::string written = slurp(dir / "run42.mdf");
+  auto unfinished = mdftest::load_file(dir / "run42.mdf");
+  std::copy_n("UnFinMF ", 8, unfinished.begin());
+  mdftest::write_file(dir / "unfinished.mdf", unfinished);
   std::ofstream(dir / "bad.mdf") << std::string(100, 'x');
   // Billions of records of 0 bytes: each would be read without touching the file.
   mdftest::FileModel hollow;
@@ -137,6 +140,7 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
       {"sort run42.mdf", 0, "run42.mdf: already sorted, left as it was\n"},
       {"dump missing.mdf", 1, "korvel: missing.mdf: could not open file (1000)\n"},
       {"dump bad.mdf", 1, "korvel: bad.mdf: file format (-2004)\n"},
+      {"", 2, "usage: korvel info"},
       {"bogus", 2, "usage: korvel info"},
       {"info", 2, "usage: korvel info [--json] [--no-scan] FILE...\n"},
       {"status 70000", 2, "usage: korvel status CODE\n"},
@@ -144,6 +148,7 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
       {"export run42.mdf --channel nothing", 2, "no channel nothing"},
       {"info missing.mdf", 1, "(1000)\n[KORVEL-ERROR] could not open file"},
       {"info bad.mdf run42.mdf", 1, "korvel: bad.mdf: file format (-2004)\n"},
+      {"info unfinished.mdf", 1, "the file is unfinished"},
       {"export hollow.mdf", 1, "group 1: records of 0 bytes, none read"},
       {"demo run42.mdf", 1, "korvel: run42.mdf: exists (--force replaces it)\n"},
       {"export run42.mdf --group 1 -o run42.mdf --force", 2,
@@ -171,6 +176,12 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   EXPECT_EQ(slurp(dir / "run42.mdf"), written);
   // The good file after the bad one is still shown.
   EXPECT_NE(korvel("info bad.mdf run42.mdf").out.find("group 2: 100 records"), std::string::npos);
+  // The refusals left no file behind.
+  std::vector<std::string> files;
+  for (const auto& e : fs::directory_iterator(dir)) files.push_back(e.path().filename().string());
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (Row{"bad.mdf", "hollow.mdf", "made.mdf", "out.1.csv", "out.2.csv", "run42.mdf",
+                        "stderr.txt", "stdout.txt", "unfinished.mdf"}));
   // A group, channels and a time range chosen.
   const auto rows = parse_csv(korvel("export run42.mdf --group 2 --channel battery --channel "
                                      "vehicle_speed_from_wheel_sensors --from 1 --to 2")
@@ -185,6 +196,32 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
   EXPECT_EQ(mode["unit"], "\302\260C");
 }
 
+// A raw value at the cursor as a description writes it, through a Read function (`read`) or a
+// Get function: an integer, a double, or a text or a byte array (as hex).
+json raw_value(channelnode* ch, uint16_t data_type, bool read) {
+  static constexpr char kKinds[] = "uirrrrrtbuirruirr";  // by data type; r for the others
+  const char kind = data_type < 17 ? kKinds[data_type] : 'r';
+  const bool integer = kind == 'i' || kind == 'u';
+  uint64_t n = 0;
+  double real = 0;
+  uint8_t buffer[256] = {};
+  uint32_t length = sizeof buffer;
+  EXPECT_EQ(integer       ? (read ? mdfChnReadHexInt(&n, ch) : mdfChnGetHexInt(&n, ch, 0))
+            : kind == 'r' ? (read ? mdfChnReadHex(&real, ch) : mdfChnGetHex(&real, ch, 0))
+                          : (read ? mdfChnReadData(buffer, &length, ch)
+                                  : mdfChnGetData(buffer, &length, ch, 0)),
+            0);
+  if (integer) return kind == 'i' ? json(static_cast<int64_t>(n)) : json(n);
+  if (kind == 'r') return json(real);
+  std::string text;
+  for (uint32_t i = 0; i < length && !(kind == 't' && buffer[i] == 0); ++i) {
+    if (kind == 't') text += static_cast<char>(buffer[i]);
+    if (kind == 'b')
+      text += {"0123456789abcdef"[buffer[i] >> 4], "0123456789abcdef"[buffer[i] & 15]};
+  }
+  return json(text);
+}
+
 // A CSV cell against a value of a description: texts exactly, integers as written, other
 // numbers as the same double.
 void expect_cell(const std::string& cell, const json& want) {
@@ -197,10 +234,11 @@ void expect_cell(const std::string& cell, const json& want) {
   }
 }
 
-// One channel of a sample: `info` (`j`) against the library, the export's cells over the
-// first 20 and the last 5 records against the description `d`, and `info`'s first, last,
-// smallest and largest physical value against all records. Exponential and logarithmic values
-// of the description follow other formulas.
+// One channel of a sample: `info` (`j`) against the library; over the first 20 records (Read
+// functions) and the last 5 (Get functions after a seek) the raw values against the
+// description `d`, and the export's cells and the physical values (the raw value for verbal
+// tables) against it; `info`'s first, last, smallest and largest physical value against all
+// records. Exponential and logarithmic values of the description follow other formulas.
 void check_channel(mdf_group* g, uint16_t index, uint32_t records, const json& d, const json& j,
                    const std::vector<Row>& csv) {
   SCOPED_TRACE(d["name"].get<std::string>());
@@ -216,11 +254,26 @@ void check_channel(mdf_group* g, uint16_t index, uint32_t records, const json& d
                     {"conversion", form == 0 ? json(rule) : json()},
                     {"unit", form == 0 ? field(unit, 20) : ""}};
   for (const auto& [key, value] : lib.items()) EXPECT_EQ(j[key], value) << key;
-  for (uint32_t k = 0; k < 25 && rule != MDF_CC_FRM_EXP && rule != MDF_CC_FRM_LOG; ++k) {
-    const uint32_t r = k < 20 ? k : records - 25 + k;
-    expect_cell(csv[r + 1][index], d[k < 20 ? "phys_first" : "phys_last"][k % 20]);
-  }
   const bool numeric = data_type != MDF_DT_STRING && data_type != MDF_DT_BYTES;
+  const bool as_raw = rule == MDF_CC_FRM_NON || rule == MDF_CC_FRM_VTAB || rule == MDF_CC_FRM_VTABR;
+  const bool other = rule == MDF_CC_FRM_EXP || rule == MDF_CC_FRM_LOG;
+  ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
+  for (uint32_t k = 0; k < 25; ++k) {
+    const uint32_t r = k < 20 ? k : records - 25 + k;
+    SCOPED_TRACE(r);
+    const json& raw = d[k < 20 ? "raw_first" : "raw_last"][k % 20];
+    const json& phys = d[k < 20 ? "phys_first" : "phys_last"][k % 20];
+    if (k >= 20) {
+      ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(r), MDF_SEEK_ABS), 0);
+    }
+    EXPECT_EQ(raw_value(ch, data_type, k < 20), raw);
+    double physical = -1;
+    EXPECT_EQ(mdfChnGetPhy(&physical, ch, 0), numeric ? 0 : MDF_UNSUPPORTED_TYPE);
+    if (numeric && !other) {
+      EXPECT_EQ(json(physical), as_raw ? raw : phys);
+    }
+    if (!other) expect_cell(csv[r + 1][index], phys);
+  }
   std::vector<double> v(numeric ? records : 0);
   for (uint32_t k = 0; k < v.size(); ++k) {
     ASSERT_EQ(mdfGrpSeek(g, static_cast<int32_t>(k), MDF_SEEK_ABS), 0);
@@ -299,8 +352,9 @@ TEST_F(Program, SamplesThroughTheLibraryInfoAndExport) {
   mdfClose();
   // The unsorted sample sorted in place: `info` then says sorted.
   const std::string unsorted = "mdflib_unsorted";
-  ASSERT_EQ(infos.back()["file"], unsorted + ".mdf");  // the last by name
-  ASSERT_EQ(infos.back()["sorted"], false);
+  const auto at = std::find(files.begin(), files.end(), unsorted + ".mdf");
+  ASSERT_NE(at, files.end());
+  ASSERT_EQ(infos[static_cast<std::size_t>(at - files.begin())]["sorted"], false);
   const Outcome sorted = korvel("sort " + unsorted + ".mdf --quiet");
   EXPECT_EQ(std::make_tuple(sorted.code, sorted.out, sorted.err),
             std::make_tuple(0, unsorted + ".mdf: sorted\n", ""));
