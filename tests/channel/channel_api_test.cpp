@@ -267,6 +267,7 @@ TEST_F(ChannelApi, CreateNormalisesValueTypesByTheirBitCountOrRefusesThem) {
       {2, 64, 3, 64, 0},   {15, 64, 16, 64, 0}, {12, 32, 11, 32, 0}, {15, 16, 15, 32, 0},
       {12, 0, 12, 64, 0},  {4, 64, 4, 32, 0},   {0, 64, 0, 64, 0},   {10, 1, 10, 1, 0},
       {7, 16, 7, 16, 0},   {8, 8, 8, 8, 0},     {5, 64, 0, 0, kType}, {17, 8, 0, 0, kType},
+      {6, 64, 0, 0, kType}, {0xFFFF, 8, 0, 0, kType}, {7, 0, 0, 0, kBits},
       {7, 12, 0, 0, kBits}, {8, 7, 0, 0, kBits}, {0, 0, 0, 0, kBits}, {1, 65, 0, 0, kBits},
   };
   // clang-format on
@@ -342,10 +343,11 @@ TEST_F(ChannelApi, OpenersFindChannelsByIndexNameTypeOrTimeAndReportMisses) {
       {by_index, 1, 1, "", 0, "Engine", 0},    {by_index, 1, 5, "", 0, kName32, 0},
       {by_index, 1, 6, "", kNoChannel, "", 0}, {by_index, 2, 1, "", 0, "a", 0},
       {by_index, 1, 2, "", 0, "speed", 0},     {by_index, 3, 2, "", 0, "SPEED", 0},
-      {by_index, 1, 0, "", kNoChannel, "", 0},
+      {by_index, 1, 0, "", kNoChannel, "", 0}, {by_index, 1, 0xFFFF, "", kNoChannel, "", 0},
       // By name: exact first, then ignoring case, at most 32 characters; never a time channel.
       {by_name, 1, 0, "Speed", 0, "Speed", 0}, {by_name, 1, 0, "SPEED", 0, "speed", 0},
       {by_name, 1, 0, "Engine", 0, "engine", 0}, {by_name, 1, 0, "spee", k3, "", 0},
+      {by_name, 1, 0, "speedy", k3, "", 0},
       {by_name, 1, 0, kName32 + "_and_more", 0, kName32, 0}, {by_name, 3, 0, "t3", k3, "", 0},
       {by_type, 1, 0, "", 0, "speed", 0},      {by_type, 1, 1, "", 0, "Engine", 0},
       {by_type, 1, 7, "", kNoChannel, "", 0},  {by_time, 3, 0, "", 0, "t3", 0},
@@ -353,7 +355,8 @@ TEST_F(ChannelApi, OpenersFindChannelsByIndexNameTypeOrTimeAndReportMisses) {
       // The file-level openers count channels over all groups and search group by group: a
       // match ignoring case in an earlier group wins over an exact one in a later group.
       {file_index, 0, 5, "", 0, kName32, 5},   {file_index, 0, 7, "", 0, "t3", 3},
-      {file_index, 0, 10, "", k4, "", 0},      {file_name, 0, 0, "SPEED", 0, "speed", 5},
+      {file_index, 0, 10, "", k4, "", 0},      {file_index, 0, 0, "", k4, "", 0},
+      {file_name, 0, 0, "SPEED", 0, "speed", 5},
       {file_name, 0, 0, "t3", k4, "", 0},
   };
   // clang-format on
@@ -419,6 +422,8 @@ TEST_F(ChannelApi, LongAndDisplayNamesByBlockSizeLinkAndCommentMarker) {
       {218, {"$ no marker here\n$Longname: Engine_Speed rpm", "", "", "Engine_Speed", ""}},
       {218, {"$x $Longname: A", "", "", "", ""}}, {218, {"$Longname:A", "", "", "", ""}},
       {218, {"text before $Longname: A", "", "", "A", ""}},
+      {218, {"$x\n$y $Longname: A\n$Longname: B", "", "", "B", ""}},
+      {218, {"$Longname: ", "", "", "", ""}},       {218, {"$Displaynam", "", "", "", ""}},
       {218, {"$Longname: \t\nOnNextLine", "", "", "OnNextLine", ""}},
       {218, {"$Displayname: D\r\n$Longname: L", "", "", "L", "D"}},
       {218, {"$Displayname:D", "", "", "", "D"}},   {218, {"$DisplaynamX: D", "", "", "", ""}},

@@ -94,7 +94,7 @@ TEST(DecodeTest, RawAsDoubleAndAsInteger) {
       {10, 4, 12, {0x80, 0x0F}, 0, -2048, 0, 0xFFFFFFFFFFFFF800},
       // Integer spans beyond 4 bytes only as integers, up to 8 bytes.
       {13, 4, 32, {0xF0, F, F, F, 0x0F}, kU, 0, 0, 0xFFFFFFFF},
-      {0, 1, 64, Bytes(9, F), kU, 0, kU, 0},
+      {0, 1, 64, Bytes(9, F), kU, 0, kU, 0}, {13, 0, 65, Bytes(9, F), kU, 0, kU, 0},
       // Floats only as doubles, by bit count (1.5f = 0x3FC00000), whatever the code's width.
       {3, 0, 32, {0, 0, 0xC0, 0x3F}, 0, 1.5, kU, 0}, {2, 0, 16, {0, 0x3C}, kU, 0, kU, 0},
       {2, 4, 32, {0, 0, 0xC0, 0x3F, 0}, kU, 0, kU, 0},
@@ -102,7 +102,8 @@ TEST(DecodeTest, RawAsDoubleAndAsInteger) {
       {4, 8, 32, {0x55, 0x80, 0x40, 0, 0}, 0, 1, kU, 0},
       {4, 4, 32, {0x80, 0x40, 0, 0, 0}, kU, 0, kU, 0}, {4, 0, 64, Bytes(8, 0x40), kU, 0, kU, 0},
       // Fields reaching past the record data are not read.
-      {0, 4, 8, {F}, kU, 0, kU, 0}, {3, 0, 64, Bytes(7, 0), kU, 0, kU, 0},
+      {0, 4, 8, {F}, kU, 0, kU, 0}, {0, 16, 8, {F, F}, kU, 0, kU, 0},
+      {3, 0, 64, Bytes(7, 0), kU, 0, kU, 0}, {0, 0, 40, {1, 2, 3, 4}, kU, 0, kU, 0},
   };
   // clang-format on
   each(cases, [](const Case& c, const uint8_t* cn) {
@@ -146,7 +147,7 @@ TEST(EncodeTest, RawFromDoubleAndFromInteger) {
       // Integer spans wider than 4 bytes: 1020 from a double, record unchanged; from an
       // integer, up to 8 bytes.
       {13, 4, 32, n5, 1, kU, n5}, {0, 1, 64, Bytes(9, 9), 1, kU, Bytes(9, 9), false},
-      {2, 0, 32, n4, 1, kU, n4, false},
+      {0, 0, 48, n5, 1, kU, n5, false}, {2, 0, 32, n4, 1, kU, n4, false},
       // Floats by bit count; singles rounded to nearest, ties to even, overflow to infinity.
       {3, 0, 32, n4, 0.1, 0, {0xCD, 0xCC, 0xCC, 0x3D}},
       {15, 0, 32, n4, 1 + 0x1p-24, 0, {0, 0, 0x80, 0x3F}},
@@ -188,6 +189,7 @@ TEST(ByteCopyTest, StaysInsideRecordAndBuffer) {
     Bytes out, encoded;
   };
   const Case cases[] = {
+      {8, 8, 24, 6, 0, 3, {0x11, 0x22, 0x33, E, E, E}, {'A', 0, 'C'}},
       {8, 8, 24, 2, 0, 2, {0x11, 0x22, E, E, E, E}, {'A', 0}},
       {7, 40, 40, 6, 0, 5, {'A', 'B', 0, E, E, E}, {'A', 0, 'C', 'D', 'E'}},
       {8, 8, 24, 0, 0, 0, Bytes(6, E), {}},
