@@ -25,6 +25,11 @@ template <class T>
 void put(Bytes& b, uint32_t at, T v) {
   std::memcpy(b.data() + at, &v, sizeof v);
 }
+double get_real(const Bytes& b, uint32_t at) {
+  double v = 0;
+  std::memcpy(&v, b.data() + at, 8);
+  return v;
+}
 
 // A CC image of `size` bytes (46 + 8 per parameter when 0) with the stored entry count
 // `count`, followed by the 16-byte extra holding offset 0.0 and factor 1.0.
@@ -110,7 +115,9 @@ const RuleCase kRuleCases[] = {
     {7, {1, 1, 1, -1, 0, 1, 0}, kInv, 0, 3},
     // Logarithmic: the same branches with exp in place of ln, and the other way round; the
     // inverses give ln(1) * 1 + 0 = 0 and (2*3+2)/(2+1)+0.5.
-    {8, kExpA, kFwd, 3, 2 * std::exp(2.5)}, {8, {1, 1, 0, 1, 1, 0, 0}, kInv, 0, 1},
+    {8, kExpA, kFwd, 3, 2 * std::exp(2.5)}, {8, {2, 0, 1, 0, 0, 3, 1}, kFwd, 3, 0},
+    {8, kExpPass, kFwd, 6.5, 6.5}, {8, kExpB, kFwd, 3, 2 * std::exp(1.5)},
+    {8, {1, 1, 0, 1, 1, 0, 0}, kInv, 0, 1},
     {8, {3, 1, 2, 1, 1, 1, 0.5}, kInv, 8.0 / 3 + 0.5, std::exp(2.0)},
     // Rational: y = (P1 x^2 + P2 x + P3) / (P4 x^2 + P5 x + P6), 0 when the divisor is 0.
     {9, {1, 2, 3, 0, 1, 1}, kFwd, 2, 11.0 / 3}, {9, {1, 2, 3, 0, 1, 1}, kFwd, -1, 0},
@@ -172,6 +179,13 @@ TEST(ConversionTest, RulesBothWays) {
     EXPECT_EQ(v, y) << text;
     EXPECT_EQ(korvel::to_raw(rule.data(), 7.0, &v), MDF_UNSUPPORTED_RULE) << text;
   }
+  // Integers become doubles before the rule: unsigned ones above 2^63 stay positive.
+  Bytes lin = make_cc(MDF_CC_FRM_LIN, 2, {1, 2});
+  double v = -1;
+  EXPECT_EQ(korvel::to_physical_signed(lin.data(), INT64_MIN, &v), 0);
+  EXPECT_EQ(v, -0x1p64 + 1);
+  EXPECT_EQ(korvel::to_physical_unsigned(lin.data(), 1ull << 63, &v), 0);
+  EXPECT_EQ(v, 0x1p64 + 1);
 }
 
 // A verbal range table with `n` entries whose entry 0 links to `link`; the pair behind it
@@ -182,7 +196,8 @@ Bytes make_vtabr(int n, uint32_t link) {
   for (uint32_t i = 0; i < static_cast<uint32_t>(n); ++i) {
     put(b, cc::kParams + cc::kVtabrEntry * i + cc::kVtabrLink, i == 0 ? link : 1000 + i);
   }
-  korvel::set_cc_extra(b.data(), 555.0, 666.0);
+  put(b, size, 555.0);
+  put(b, size + 8, 666.0);
   return b;
 }
 
@@ -216,16 +231,19 @@ TEST(ConversionTest, RangeTableAnnotations) {
   for (const Case& c : cases) {
     Bytes b = make_vtabr(c.n, c.link);
     korvel::derive_vtabr_extra(b.data(), c.text);
-    EXPECT_EQ(std::make_pair(korvel::cc_extra_offset(b.data()), korvel::cc_extra_factor(b.data())),
+    const uint32_t size = cc::kSize + cc::kVtabrEntry * static_cast<uint32_t>(c.n);
+    EXPECT_EQ(std::make_pair(get_real(b, size), get_real(b, size + 8)),
               std::make_pair(c.offset, c.factor))
         << (c.text ? c.text : "null");
   }
   // Another rule type gets the defaults whatever the text says (its P3 = 3.3 lies where
   // entry 0's text link would be, and is not 0).
   Bytes lin = make_cc(MDF_CC_FRM_LIN, 1, {1, 2, 3.3});
-  korvel::set_cc_extra(lin.data(), 9.0, 9.0);
+  put(lin, cc::kSize + 24, 9.0);
+  put(lin, cc::kSize + 32, 9.0);
   korvel::derive_vtabr_extra(lin.data(), "{EVAL \"3*{X}\"}");
-  EXPECT_EQ(korvel::cc_extra_factor(lin.data()), 1.0);
+  EXPECT_EQ(std::make_pair(get_real(lin, cc::kSize + 24), get_real(lin, cc::kSize + 32)),
+            std::make_pair(0.0, 1.0));
   // A count larger than the block: entry 0 is inside and counts, entry 1 is not read; a
   // count of 3 holds entry 2 but not entry 3.
   Bytes b = make_vtabr(1, 77);
