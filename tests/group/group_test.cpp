@@ -133,6 +133,8 @@ TEST_F(GroupApi, Refusals) {
       {"mode 3", 0, [&](mdf_file* f) { return mdfGrpOpen(&g, f, 1, 3); }, MDF_ERR_OPEN_MODE},
       {"write in mode 0", 0, [&](mdf_file* f) { return mdfGrpWrite(open_group(f, 1)); },
        MDF_ERR_OPEN_MODE},
+      {"append in mode 0", 0, [&](mdf_file* f) { return mdfGrpWriteAppend(open_group(f, 1)); },
+       MDF_ERR_OPEN_MODE},
       {"delete in a read file", 0, [&](mdf_file* f) { return mdfGrpDelete(f, 1); },
        MDF_ERR_OPEN_MODE},
       {"two created groups at once", MDF_OPEN_CREATE,

@@ -35,12 +35,10 @@ class GroupTime : public mdftest::Session {
 };
 
 // A channel group whose time channel (double) holds kTimes; with `unsorted` its records
-// interleave with those of a second channel group, and its trigger block counts 400 events but
-// holds one.
+// interleave with those of a second channel group.
 mdftest::FileModel timed(bool unsorted) {
   mdftest::FileModel f;
   auto& dg = f.add_data_group(unsorted ? 1 : 0);
-  if (unsorted) dg.trigger = mdftest::Trigger{"note", {{1, 2, 3}}, 400, {}};
   for (uint16_t c = 1; c <= (unsorted ? 2 : 1); ++c) {
     auto& cg = dg.add_channel_group(8, c);
     cg.add_channel("t", 0, 64, 3, MDF_CHN_TIME);
@@ -76,8 +74,13 @@ TEST_F(GroupTime, SeekTimeTable) {
       {1, 3, 2.0, 1, 0, 3}, {1, 2, nan, 0, 0, 2},
   };
   // clang-format on
-  for (bool unsorted : {false, true}) {
-    const auto f = timed(unsorted);
+  // Trigger blocks counting n events: none (sorted), 400 of which the block holds one
+  // (unsorted), zero (sorted).
+  for (int n : {-1, 400, 0}) {
+    const bool unsorted = n == 400;
+    auto f = timed(unsorted);
+    if (n >= 0) f.data_groups[0].trigger = mdftest::Trigger{"note", {}, uint16_t(n), {}};
+    if (n > 0) f.data_groups[0].trigger->events.push_back({1, 2, 3});
     mdf_group* g = open(write(f), MDF_OPEN_READ);
     for (const auto& [u, start, time, mode, status, at] : cases) {
       if ((u != 0) != unsorted) continue;
@@ -89,16 +92,34 @@ TEST_F(GroupTime, SeekTimeTable) {
     const char* comment = "x";
     uint16_t count = 99;
     const void* events = &count;
-    EXPECT_EQ(mdfGrpGetTrigger(g, &comment, &count, &events), unsorted ? 0 : MDF_NO_TRIGGER);
-    EXPECT_EQ(std::make_tuple(count, events == nullptr),
-              std::make_tuple(unsorted ? 400 : 0, !unsorted));
-    EXPECT_STREQ(comment, unsorted ? "note" : nullptr);
+    EXPECT_EQ(mdfGrpGetTrigger(g, &comment, &count, &events), n < 0 ? MDF_NO_TRIGGER : 0);
+    EXPECT_EQ(std::make_tuple(count, events == nullptr), std::make_tuple(std::max(n, 0), n < 0));
+    EXPECT_STREQ(comment, n < 0 ? nullptr : "note");
     std::vector<double> all(3u * count);
     if (count > 0) std::memcpy(all.data(), events, all.size() * sizeof(double));
     for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i < 3 ? double(i + 1) : 0.0) << i;
     EXPECT_EQ(mdfGetErrorCode(), 0);
     restart();
   }
+}
+
+// Raw 0..3 through an interpolating table (10, 20, 25, 30), seeking and setting a time; at
+// record 0 the current time counts as 0.0, so seeking 0.0 there returns at once.
+TEST_F(GroupTime, TimeThroughAnInterpolatingTable) {
+  mdftest::FileModel f;
+  auto& cg = f.add_data_group().add_channel_group(4);
+  auto& t = cg.add_channel("t", 0, 32, 0, MDF_CHN_TIME);
+  t.conversion = mdftest::table(true, {{0, 10}, {1, 20}, {3, 30}});
+  for (uint32_t k = 0; k < 4; ++k) mdftest::put_bits(cg.add_record(), 0, 32, k);
+  mdf_group* g = open(write(f), MDF_OPEN_READ);
+  EXPECT_EQ(std::make_pair(mdfGrpSeekTime(g, 0.0, MDF_SEEK_TIME_EXACT), tell(g)),
+            std::make_pair(int16_t{0}, 0u));
+  EXPECT_EQ(seek(g, 0, 24.0, MDF_SEEK_TIME_NEAREST), std::make_pair(0, 2u));
+  EXPECT_EQ(seek(g, 0, 25.0, MDF_SEEK_TIME_EXACT), std::make_pair(0, 2u));
+  uint8_t* data = nullptr;
+  EXPECT_EQ(std::make_pair(mdfGrpSetTime(g, 20.0), mdfGrpBuffer(&data, g)),
+            std::make_pair(int16_t{0}, 24 + 4));
+  EXPECT_EQ(mdftest::get_bits({data, 4}, 0, 32), 1u);
 }
 
 // A created group with times, comment and trigger; then the same file modified: times reach

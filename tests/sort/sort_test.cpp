@@ -119,6 +119,8 @@ const Case kCases[] = {
     {"duplicate_record_id", id_of(2, 1), nullptr, 0, MDF_ERR_FORMAT, {}},
     {"record_id_above_255", id_of(2, 259), nullptr, 0, MDF_ERR_FORMAT, {}},
     {"sorted", version(320, true), nullptr, 0, MDF_ALREADY_SORTED, {}},
+    {"no_data_groups", [](FileModel& f) { f.data_groups.clear(); }, nullptr, 0, MDF_ALREADY_SORTED,
+     {}},
     {"no_channel_groups",
      [](FileModel& f) {
        f.data_groups.clear();
@@ -126,6 +128,8 @@ const Case kCases[] = {
      },
      nullptr, 0, MDF_ALREADY_SORTED, {}},
     {"foreign_identifier", nullptr, [](mdftest::Built& b) { b.patch_chars(0, 8, "XDF     "); }, 0,
+     MDF_ALREADY_SORTED, {}},
+    {"reserved_bytes_used", nullptr, [](mdftest::Built& b) { b.patch_u8(33, 1); }, 0,
      MDF_ALREADY_SORTED, {}},
     {"version_340_unsorted", version(340, false), nullptr, 0, MDF_NEWER_VERSION, {}},
     {"version_340_sorted", version(340, true), nullptr, 0, MDF_ALREADY_SORTED, {}},
@@ -285,10 +289,11 @@ TEST_F(Sort, RefusedFilesAndTargets) {
   EXPECT_EQ(mdfSort(s.c_str(), nullptr), MDF_ERR_NOT_INITIALIZED);
 }
 
-// The clock of the progress protocol: every look moves it by 501 ms.
+// The clock of the progress protocol: every look moves it by g_step ms.
 uint32_t g_now = 0;
+uint32_t g_step = 0;
 uint32_t tick() {
-  return g_now += 501;
+  return g_now += g_step;
 }
 
 struct Watch {
@@ -297,6 +302,19 @@ struct Watch {
   int abort_at = -1;  // abort at this many asks
 };
 
+// A parameter record for a sort of `s` into `d` reporting to `w`.
+MdfSortParams watched(const std::string& s, const std::string& d, Watch& w) {
+  MdfSortParams p = params(s, d);
+  p.userData = &w;
+  p.pfnStart = [](void* u) { ++static_cast<Watch*>(u)->starts; };
+  p.pfnProgress = [](int percent, void* u) { static_cast<Watch*>(u)->percents.push_back(percent); };
+  p.pfnAbort = [](void* u) {
+    auto* watch = static_cast<Watch*>(u);
+    return ++watch->asks == watch->abort_at ? 1 : 0;
+  };
+  return p;
+}
+
 // Reports come at most every 500 ms, only with a rising percent, and end with 100. An abort at
 // any point leaves the source as it was and no target behind. (The Python tests stop a sort in
 // place.)
@@ -304,20 +322,12 @@ TEST_F(Sort, ProgressIsThrottledAndAbortLeavesNothingBehind) {
   korvel::sort::set_tick_source(&tick);
   const std::string s = write(base()), d = path("out.mdf");
   const auto bytes = mdftest::load_file(s);
+  g_step = 501;
   for (int abort_at : {-1, 1, 3, 5, 8}) {
     SCOPED_TRACE(abort_at);
     restart();
     Watch w{{}, 0, 0, abort_at};
-    MdfSortParams p = params(s, d);
-    p.userData = &w;
-    p.pfnStart = [](void* u) { ++static_cast<Watch*>(u)->starts; };
-    p.pfnProgress = [](int percent, void* u) {
-      static_cast<Watch*>(u)->percents.push_back(percent);
-    };
-    p.pfnAbort = [](void* u) {
-      auto* watch = static_cast<Watch*>(u);
-      return ++watch->asks == watch->abort_at ? 1 : 0;
-    };
+    MdfSortParams p = watched(s, d, w);
     EXPECT_EQ(mdfSortWithProgress(&p), abort_at < 0 ? 0 : MDF_ERR_USER_ABORT);
     const auto& seen = w.percents;
     ASSERT_FALSE(seen.empty());
@@ -329,6 +339,14 @@ TEST_F(Sort, ProgressIsThrottledAndAbortLeavesNothingBehind) {
     EXPECT_EQ(files_in(dir_), abort_at < 0 ? 2u : 1u);
     fs::remove(d);
   }
+  // With the clock standing still no report is due and nobody is asked about an abort.
+  restart();
+  g_step = 0;
+  Watch quiet{{}, 0, 0, 1};
+  MdfSortParams p = watched(s, d, quiet);
+  EXPECT_EQ(mdfSortWithProgress(&p), 0);
+  EXPECT_EQ(std::make_tuple(quiet.starts, quiet.asks, quiet.percents.size()),
+            std::make_tuple(1, 0, size_t{0}));
 }
 
 // Counts declare regions of several GiB while the records are few: the data area is laid out
