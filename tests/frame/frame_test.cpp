@@ -116,8 +116,8 @@ TEST_F(Frame, MessageTexts) {
 
 // The versions are bounded copies without an extra terminator, padded with zeros in a longer
 // buffer. Memory is zeroed and tagged: a block whose tag is damaged is refused with an
-// internal error and left alone.
-TEST_F(Frame, VersionsAndMemory) {
+// internal error and left alone. The module path is filled at load and again by LibMain.
+TEST_F(Frame, VersionsMemoryAndModulePath) {
   const std::tuple<char* (*)(char*, int32_t), int32_t, std::string> versions[] = {
       {mdfGetMdfFormatVersion, 8, "3.30    #"},
       {mdfGetKorvelVersion, 4, "5.87#"},
@@ -142,6 +142,11 @@ TEST_F(Frame, VersionsAndMemory) {
   EXPECT_STREQ(mdfGetErrorText(), "fatal error Internal Error 1-KORVEL-63\n\n");
   p[-1] ^= 0xFF;
   mdfFree(p);
+  const std::string at_load = korvel::module_path();
+  EXPECT_TRUE(fs::path(at_load).is_absolute()) << at_load;
+  std::memset(korvel::module_path(), 'x', 255);
+  EXPECT_EQ(LibMain(nullptr, 1, 1, nullptr), 1);
+  EXPECT_EQ(std::string(korvel::module_path()), at_load);
 }
 
 TEST_F(Frame, ContextsCloseTheirOwnLevel) {

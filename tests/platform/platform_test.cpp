@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <set>
 #include <string>
@@ -60,6 +61,7 @@ TEST(Platform, FilesAndNames) {
     }
   }
   fs::current_path(old);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 80);
   // Replace puts the contents in the place of the target, which may exist; no source, no move.
   const std::string a = (dir / "a").string(), b = (dir / "b").string();
   for (const char* contents : {"contents", "new", static_cast<const char*>(nullptr)}) {
@@ -71,13 +73,23 @@ TEST(Platform, FilesAndNames) {
   // Descriptor files: what the numbered files' tests do not reach. A new file is its owner's
   // alone to read and write; offsets reach beyond 32 bits where the file system allows.
   const std::string name = (dir / "f").string();
-  const int fd = pf::open_file(name.c_str(), pf::OpenMode::create);
+  int fd = pf::open_file(name.c_str(), pf::OpenMode::create);
   ASSERT_GE(fd, 0);
-  EXPECT_TRUE(pf::write_file_at(fd, "0123456789", 10, 0));
+  EXPECT_TRUE(pf::write_file(fd, "0123456789", 10));
+  EXPECT_TRUE(pf::close_file(fd));
   EXPECT_EQ(fs::status(name).permissions() & fs::perms::owner_all,
             fs::perms::owner_read | fs::perms::owner_write);
+  fd = pf::open_file(name.c_str(), pf::OpenMode::create);  // neither truncates nor replaces
+  EXPECT_EQ(pf::file_length(fd), 10);
+  char buf[16] = {};
+  EXPECT_TRUE(pf::read_file(fd, buf, 4));
+  // Positioned transfers neither use nor move the descriptor's position.
+  EXPECT_TRUE(pf::write_file_at(fd, "AB", 2, 8));
+  EXPECT_EQ(pf::read_file_at(fd, buf, 16, 6), 4);
+  EXPECT_EQ(std::string(buf, 4), "67AB");
+  EXPECT_TRUE(pf::read_file(fd, buf, 2));
+  EXPECT_EQ(std::string(buf, 2), "45");
   const int64_t big = int64_t{5} << 30;
-  char buf[2] = {};
   if (pf::set_file_length(fd, big)) {
     EXPECT_TRUE(pf::write_file_at(fd, "E", 1, big - 1));
     EXPECT_EQ(pf::read_file_at(fd, buf, 2, big - 1), 1);  // stops at the end
@@ -95,7 +107,7 @@ TEST(Platform, FilesAndNames) {
   EXPECT_TRUE(st[0].device == st[1].device && st[0].file_id == st[1].file_id);
   EXPECT_FALSE(st[0].device == st[2].device && st[0].file_id == st[2].file_id);
   for (int f : {fd, same, other}) EXPECT_TRUE(pf::close_file(f));
-  EXPECT_EQ(mdftest::slurp(name), "0123456789");
+  EXPECT_EQ(mdftest::slurp(name), "01234567AB");
   fs::remove_all(dir);
 }
 

@@ -57,6 +57,16 @@ TEST_F(FileApi, RefusedOpensAndCreatedFiles) {
   // Little-endian (0), IEEE (0), version 320, then zeros up to the header.
   EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 64),
             std::string("MDF     3.20    TESTPROG\0\0\0\0\x40\x01", 30) + std::string(34, '\0'));
+  // No name gives KORVEL; a short name is padded with zeros.
+  for (const auto& [given, id] :
+       {std::pair<const char*, std::string>{nullptr, std::string("KORVEL\0\0", 8)},
+        {"XY", std::string("XY\0\0\0\0\0\0", 8)}}) {
+    mdfClose();
+    ASSERT_EQ(mdfOpen(given), 0);
+    ASSERT_EQ(mdfFileClose(open_file(path("id.mdf"), MDF_OPEN_CREATE)), 0);
+    const auto other = mdftest::load_file(path("id.mdf"));
+    EXPECT_EQ(std::string(other.begin() + 16, other.begin() + 24), id);
+  }
   const auto r = mdftest::read_bytes(bytes);
   ASSERT_TRUE(r.ok()) << r.error_text();
   const auto& h = r.header;

@@ -36,11 +36,24 @@ Bytes pattern(std::size_t n, uint32_t seed) {
 // Most behaviours hold for every access style (the parameter).
 class Io : public mdftest::Session, public ::testing::WithParamInterface<uint16_t> {
  protected:
-  static uint16_t open(const std::string& name, int flags) {
+  // Closes what a failed assertion left open, so that the scratch directory can go.
+  void TearDown() override {
+    for (uint16_t n : open_) io::close(n);
+    Session::TearDown();
+  }
+  // Opens and remembers the number so that TearDown closes it.
+  uint16_t open(const std::string& name, int flags) {
     uint16_t n = 0;
     EXPECT_EQ(io::open(&n, name.c_str(), static_cast<uint16_t>(flags), 8192), 0) << name;
+    if (n != io::kNoFile) open_.push_back(n);
     return n;
   }
+  void close(uint16_t n) {
+    io::close(n);
+    std::erase(open_, n);
+  }
+
+  std::vector<uint16_t> open_;
 };
 
 // Position and known size of a file.
@@ -57,6 +70,10 @@ INSTANTIATE_TEST_SUITE_P(Styles, Io, ::testing::Values(kDescriptor, kStream, kBu
 TEST_P(Io, FailuresRaiseTheirStatusAndMoveThePosition) {
   const Bytes data = pattern(300000, 14);
   const std::string name = write(mdftest::Image{data});
+  const auto flags = static_cast<uint16_t>(GetParam() | io::kModify);
+  uint16_t none = 7;  // a missing file is no file, in modify mode too
+  EXPECT_EQ(io::open(&none, path("missing").c_str(), flags, 8192), 1000);
+  EXPECT_EQ(none, io::kNoFile);
   const uint16_t n = open(name, GetParam());
   Bytes buf(20000);
   // After a failure: its status and text, the position and known size, the file where the
@@ -68,6 +85,8 @@ TEST_P(Io, FailuresRaiseTheirStatusAndMoveThePosition) {
     uint8_t b = 0;
     EXPECT_EQ(io::read(&b, 1, n), 0);
     EXPECT_EQ(b, data[static_cast<std::size_t>(after.first)]);
+    EXPECT_EQ(io::seek(n, -1, io::kFromStart), MDF_ERR_SEEK);
+    EXPECT_EQ(mdfGetErrorCode(), status);
     restart();
   };
   for (const auto& [offset, origin, context] :
@@ -95,7 +114,7 @@ TEST_P(Io, FailuresRaiseTheirStatusAndMoveThePosition) {
   ASSERT_EQ(io::seek(n, 299999, io::kFromStart), 0);
   EXPECT_EQ(io::read(buf.data(), 2, n), MDF_ERR_READ);
   failed(MDF_ERR_READ, "could not read file \n", {0, 300010});
-  io::close(n);
+  close(n);
   EXPECT_EQ(mdftest::load_file(name), data);
 }
 
@@ -172,20 +191,23 @@ TEST_P(Io, RandomOperationsAgreeWithAModel) {
     for (uint32_t j = 0; j < numbers; ++j)
       ASSERT_EQ(at(n[j]), State(position[j], known[j])) << step;
   }
-  for (uint32_t k = 0; k < numbers; ++k) io::close(n[k]);
+  for (uint32_t k = 0; k < numbers; ++k) close(n[k]);
   EXPECT_EQ(mdftest::load_file(name), disk);
 }
 
 // Buffered bytes that the system refuses (a full disk) fail as an unbuffered write does.
 TEST_F(Io, BufferedBytesThatCannotBeWrittenFailAsAWrite) {
   if (!fs::exists("/dev/full")) GTEST_SKIP() << "no device that is always full";
-  const uint16_t n = open("/dev/full", kBuffered | io::kModify);
-  ASSERT_EQ(io::write("abcd", 4, n), 0);
-  uint8_t b = 0;
-  EXPECT_EQ(io::read(&b, 1, n), MDF_ERR_WRITE);
-  EXPECT_EQ(io::tell(n), 0);
-  EXPECT_EQ(std::string(mdfGetErrorText()), "could not write file \n");
-  io::close(n);
+  for (const bool by_commit : {true, false}) {
+    restart();
+    const uint16_t n = open("/dev/full", kBuffered | io::kModify);
+    ASSERT_EQ(io::write("abcd", 4, n), 0);
+    uint8_t b = 0;
+    EXPECT_EQ(by_commit ? io::commit(n) : io::read(&b, 1, n), MDF_ERR_WRITE);
+    EXPECT_EQ(io::tell(n), 0);
+    EXPECT_EQ(std::string(mdfGetErrorText()), "could not write file \n");
+    close(n);
+  }
 }
 
 TEST_F(Io, UnknownNumbersBadModesAndBadOriginsAreInternalErrors) {
@@ -194,11 +216,22 @@ TEST_F(Io, UnknownNumbersBadModesAndBadOriginsAreInternalErrors) {
   uint16_t out = 0;
   const uint16_t n = open(name, io::kRead);
   const uint16_t c = open(name, io::kRead);
-  io::close(c);  // its number is free until the next open
+  close(c);  // its number is free until the next open
   ASSERT_EQ(io::seek(n, 5, io::kFromStart), 0);
   const std::pair<std::function<int64_t()>, int64_t> cases[] = {
       {[&] { return io::tell(c); }, -1},
+      {[&] { return io::known_size(c); }, -1},
       {[&] { return io::read(&b, 1, c); }, MDF_ERR_FATAL},
+      {[&] { return io::read_bulk(&b, 1, c); }, MDF_ERR_FATAL},
+      {[&] { return io::write(&b, 1, c); }, MDF_ERR_FATAL},
+      {[&] { return io::seek(c, 1, io::kFromStart); }, MDF_ERR_FATAL},
+      {[&] { return io::set_size(c, 1); }, MDF_ERR_FATAL},
+      {[&] { return io::flush(c); }, MDF_ERR_FATAL},
+      {[&] {
+         io::close(c);
+         return int64_t{0};
+       },
+       0},
       {[&] { return io::seek(n, 0, 3); }, MDF_ERR_FATAL},                           // bad origin
       {[&] { return io::open(&out, path("x").c_str(), 3, 4096); }, MDF_ERR_FATAL},  // bad mode
   };
@@ -213,7 +246,6 @@ TEST_F(Io, UnknownNumbersBadModesAndBadOriginsAreInternalErrors) {
   }
   EXPECT_EQ(out, io::kNoFile);
   EXPECT_FALSE(fs::exists(path("x")));
-  io::close(n);
 }
 
 }  // namespace
