@@ -636,6 +636,18 @@ TEST_F(ChannelApi, ReadAndWriteStepsMoveOnFromTheSecondCall) {
   mdftest::put_bits(want[2], 72, 8, 10);
   EXPECT_EQ(mdftest::read_file(file).channel_groups().at(0)->records, want);
 
+  // A created handle moves on at its first Read.
+  g = open(path("short.mdf"), MDF_OPEN_CREATE);
+  Ch made = nullptr;
+  ASSERT_EQ(mdfChnCreate(&made, g, 0, 16, MDF_DT_UINT, "v"), 0);
+  for (uint64_t v : {10u, 11u, 12u}) {
+    ASSERT_EQ(mdfChnSetHexInt(made, v), 0);
+    ASSERT_EQ(mdfGrpWriteAppend(g), 0);
+  }
+  ASSERT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), 0);
+  ASSERT_EQ(mdfChnReadHexInt(&n2, made), 0);
+  EXPECT_EQ(n2, 11u);
+
   // A created handle writes more records than a 16-bit step counter counts: every Write after
   // the first appends, every Read after the first moves on (the first reads record 0).
   constexpr uint32_t kRecords = 70000;
