@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -113,26 +114,30 @@ Bytes record_of(const char* places, const Fields& v) {
 using ModuleInfo = mdftest::Session;
 using mdftest::open_channel;
 
-// Every channel of a file's first group: the generic getter hands out 128 bytes, the block's
-// record followed by zeros, or 1009 where the test-side reader found no extension block.
-// Returns the blocks.
+// Every channel of a file: the generic getter hands out 128 bytes, the block's record followed
+// by zeros, or 1009 where the test-side reader found no extension block. Returns the blocks.
 size_t check_extensions(const std::string& file) {
   const auto read = mdftest::read_file(file);
   EXPECT_TRUE(read.ok()) << read.error_text();
+  size_t found = 0;
   mdf_file* f = nullptr;
   EXPECT_EQ(mdfFileOpen(&f, file.c_str(), MDF_OPEN_READ), 0);
-  mdf_group* g = mdftest::open_group(f, 1);
-  size_t found = 0;
-  for (size_t i = 0; const auto& cn : read.channel_groups().at(0)->channels) {
-    uint16_t type = 0;
-    const ce_info* info = nullptr;
-    EXPECT_EQ(mdfChnGetModuleInfo(open_channel(g, ++i), &type, &info), cn.extension ? 0 : 1009);
-    if (!cn.extension || info == nullptr) continue;
-    ++found;
-    Bytes want = cn.extension->record;
-    want.resize(128);
-    EXPECT_EQ(std::make_tuple(type, Bytes(info->bytes, info->bytes + 128)),
-              std::make_tuple(cn.extension->type, want));
+  const auto groups = read.channel_groups();
+  for (size_t gi = 0; gi < groups.size(); ++gi) {
+    mdf_group* g = mdftest::open_group(f, static_cast<uint16_t>(gi + 1));
+    for (size_t ci = 0; ci < groups[gi]->channels.size(); ++ci) {
+      const auto& ext = groups[gi]->channels[ci].extension;
+      uint16_t type = 0;
+      const ce_info* info = nullptr;
+      EXPECT_EQ(mdfChnGetModuleInfo(open_channel(g, ci + 1), &type, &info), ext ? 0 : 1009);
+      if (!ext || info == nullptr) continue;
+      ++found;
+      Bytes want = ext->record;
+      want.resize(128);
+      EXPECT_EQ(std::make_tuple(type, Bytes(info->bytes, info->bytes + 128)),
+                std::make_tuple(ext->type, want));
+    }
+    EXPECT_EQ(mdfGrpClose(g), 0);
   }
   EXPECT_EQ(mdfFileClose(f), 0);
   return found;
@@ -162,12 +167,15 @@ TEST_F(ModuleInfo, EveryTypeGoesThroughTheFileAndBackByItsLayout) {
     }
   }
   ASSERT_EQ(rows.size(), 20u);
-  // A channel without a block: 1009 with type 65535 and no record.
+  // A channel without a block: 1009 with type 65535 and no record, the outs of a typed getter
+  // untouched.
   ASSERT_EQ(mdfChnCreate(&ch, g, 0, 8, MDF_DT_UINT, "none"), 0);
-  uint16_t type = 7;
+  uint16_t type = 7, n = 5, type2 = 7;
   const ce_info* info = reinterpret_cast<const ce_info*>(&type);
-  EXPECT_EQ(std::make_tuple(mdfChnGetModuleInfo(ch, &type, &info), type, info),
-            std::make_tuple(MDF_NO_MODULE_INFO, 65535, nullptr));
+  EXPECT_EQ(std::make_tuple(mdfChnGetModuleInfo(ch, &type, &info), mdfChnGetModuleType(ch, &type2),
+                            mdfChnGetSmbInfo(ch, nullptr, &n, nullptr)),
+            std::make_tuple(MDF_NO_MODULE_INFO, MDF_NO_MODULE_INFO, MDF_NO_MODULE_INFO));
+  EXPECT_EQ(std::make_tuple(type, info, type2, n), std::make_tuple(65535, nullptr, 65535, 5));
   // A whole record of a type of no layout: the last 6 bytes lie beyond the block.
   ce_info given;
   std::memset(&given, 0xA5, sizeof given);
@@ -223,6 +231,13 @@ TEST_F(ModuleInfo, BlocksOfOtherSizesAndSetInAModifiedFile) {
             0);
   EXPECT_EQ(std::string(t), std::string(194 - 24, 'x'));
   ASSERT_EQ(mdfFileClose(f_), 0);
+  // The module blocks of other writers' files.
+  size_t found = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(KORVEL_SAMPLES_DIR)) {
+    if (entry.path().extension() == ".mdf")
+      found += check_extensions(mdftest::copy_writable(entry.path(), dir_).string());
+  }
+  EXPECT_GT(found, 0u);
 
   for (const uint16_t mode : {uint16_t{MDF_OPEN_MODIFY}, uint16_t{MDF_OPEN_READ}}) {
     SCOPED_TRACE(mode);

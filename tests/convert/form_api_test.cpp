@@ -146,6 +146,14 @@ TEST_F(FormApi, GettersRefusalsTextFormulasAndSetters) {
   channelnode* ch = channel(1);
   ASSERT_EQ(mdfChnSetForm(ch, 7, "abcdefghijklmnopqrstu", 1.0, 2.0, 3.0, 4.0, 5.0, 6.0, 7.0), 0);
   expect_rule(ch, MDF_CC_FRM_EXP, "abcdefghijklmnopqrst", {1, 2, 3, 4, 5, 6, 7});
+  ASSERT_EQ(mdfChnSetFormLin(ch, "V", 0.5, 4.0), 0);
+  expect_rule(ch, MDF_CC_FRM_LIN, "V", {0.5, 4.0});
+  ASSERT_EQ(mdfChnSetFormPol(ch, "V", 1, 2, 3, 4, 5, 6), 0);
+  expect_rule(ch, MDF_CC_FRM_POL, "V", {1, 2, 3, 4, 5, 6});
+  ASSERT_EQ(mdfChnSetFormExp(ch, "V", 1, 2, 3, 4, 5, 6, 7), 0);
+  expect_rule(ch, MDF_CC_FRM_EXP, "V", {1, 2, 3, 4, 5, 6, 7});
+  ASSERT_EQ(mdfChnSetFormLog(ch, "V", 7, 6, 5, 4, 3, 2, 1), 0);
+  expect_rule(ch, MDF_CC_FRM_LOG, "V", {7, 6, 5, 4, 3, 2, 1});
   const double table[4] = {0, 1, 10, 11};
   ASSERT_EQ(mdfChnSetFormTab(ch, MDF_CC_FRM_TAB, "V", 2, table), 0);
   expect_rule(ch, MDF_CC_FRM_TAB, "V", {0, 1, 10, 11});

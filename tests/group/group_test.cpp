@@ -267,6 +267,15 @@ TEST_F(GroupApi, CreatedGroupsAndWhatTheirCloseWrites) {
       ASSERT_EQ(mdftest::get_bits(current(reader), 0, 32), expected[k]) << k;
     }
   };
+  // While it is created the group counts every appended record; the closed earlier group, now
+  // group 2, declares one less than its one record.
+  uint32_t count = 0, earlier_count = 9;
+  uint16_t groups = 0;
+  EXPECT_EQ(mdfGrpRecords(&count, g), 0);
+  EXPECT_EQ(mdfFileGroups(&groups, file), 0);
+  EXPECT_EQ(mdfGrpRecords(&earlier_count, open_group(file, 2)), 0);
+  EXPECT_EQ(std::make_tuple(count, groups, earlier_count),
+            std::make_tuple(kRecords, uint16_t{2}, 0u));
   read_all(open_group(file, 1), kRecords);
   ASSERT_EQ(mdfFileClose(file), 0);
   read_all(open_group(open_file(p), 1), kRecords - 1);

@@ -94,6 +94,7 @@ Damage unfinished(uint16_t flags) {
 const Case kCases[] = {
     {"one_record_id", nullptr, nullptr, 0, 0, kAll},
     {"two_record_ids", [](FileModel& f) { f.data_groups[0].record_ids = 2; }, nullptr, 0, 0, kAll},
+    {"finalize_flag_0", nullptr, unfinished(0), MDF_SORT_FINALIZE, 0, kAll},
     {"finalize_flag_1", nullptr, unfinished(1), MDF_SORT_FINALIZE, 0, kAll},
     {"finalize_flag_2", nullptr, unfinished(2), MDF_SORT_FINALIZE, MDF_ERR_FORMAT, {}},
     {"unfinished_without_flag", nullptr, unfinished(0), 0, MDF_ALREADY_SORTED, {}},
@@ -111,6 +112,8 @@ const Case kCases[] = {
     {"recount_in_short_parameters", count(0, 3), nullptr, MDF_SORT_RECOUNT, MDF_CYCLES_DECREASED,
      {3, 3, 2, 3}, 52},
     {"fewer_than_declared", count(1, 6), nullptr, 0, MDF_CYCLES_DECREASED, kAll},
+    {"fewer_than_declared_shrink", count(1, 6), nullptr, MDF_SORT_SHRINK, MDF_CYCLES_DECREASED,
+     kAll},
     {"time_backwards_checked", time_of(1, 2, 5.0), nullptr, kCheckTime, MDF_BAD_TIME_STAMP, {}},
     {"time_backwards_unchecked", time_of(1, 2, 5.0), nullptr, 0, 0, kAll},
     {"first_time_beyond_30_days", time_of(2, 0, 3e6), nullptr, kCheckTime, MDF_BAD_TIME_STAMP, {}},

@@ -193,7 +193,8 @@ TEST_F(Program, ExitCodesMessagesOutputsAndRefusals) {
                               {"2", "12.52", "40"}}));
   const json mode = json::parse(korvel("info --json made.mdf").out)[0]["groups"][0]["channels"][1];
   // The Latin-1 unit in UTF-8.
-  EXPECT_EQ(mode["unit"], "\302\260C");
+  EXPECT_EQ(std::make_tuple(mode["unit"], mode["first"], mode["min"], mode["max"]),
+            std::make_tuple(json("\302\260C"), json("low"), json(5.0), json(11.0)));
 }
 
 // A raw value at the cursor as a description writes it, through a Read function (`read`) or a
