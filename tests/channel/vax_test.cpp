@@ -46,14 +46,16 @@ TEST(Vax, HandWorkedCases) {
       // 1.0f both ways; all-zero input is left unchanged by every converter.
       {toF, 0x3F800000, 0x40800000}, {fromF, 0x40800000, 0x3F800000}, {toF, 0, 0}, {fromF, 0, 0},
       {toD, 0, 0}, {fromD, 0, 0}, {toG, 0, 0}, {fromG, 0, 0}, {dToG, 0, 0}, {gToD, 0, 0},
-      // Single to F: FLT_MIN has exponent 3; 2^127 = 0.1b*2^128 is too large, as is NaN; a
-      // denormal has no counterpart; -0 is 0.
-      {toF, 0x00800000, 0x01800000}, {toF, 0x7F000000, 0x80000000}, {toF, 0x7FC00000, 0x80000000},
+      // Single to F: FLT_MIN has exponent 3; 2^127 = 0.1b*2^128 is too large, as are infinity
+      // and NaN; a denormal has no counterpart; -0 is 0.
+      {toF, 0x00800000, 0x01800000}, {toF, 0x7F000000, 0x80000000}, {toF, 0x7F800000, 0x80000000},
+      {toF, 0x7FC00000, 0x80000000},
       {toF, 0x807FFFFF, 0x80000000}, {toF, 0x80000000, 0}, {toF, 0xC1200001, 0xC2200001},
       // F to single: largest F, exponent 3; exponents 1 and 2 of either sign give +infinity;
       // the reserved operand and a dirty zero give 0.
       {fromF, 0x7FFFFFFF, 0x7EFFFFFF}, {fromF, 0x01800000, 0x00800000},
-      {fromF, 0x01001234, 0x7F800000}, {fromF, 0x817FFFFF, 0x7F800000}, {fromF, 0x80000000, 0},
+      {fromF, 0x00800000, 0x7F800000}, {fromF, 0x01001234, 0x7F800000},
+      {fromF, 0x817FFFFF, 0x7F800000}, {fromF, 0x80000000, 0},
       {fromF, 0x007FFFFF, 0}, {fromF, 0xC2200001, 0xC1200001},
       // Double to D: 1.0, -0.0 (tiny, E = 1), 1 + 2^-52; DBL_MAX and +infinity clamp to E 255,
       // NaNs keep their fraction; 2^-128 and a denormal clamp to E 1; 2^-127.

@@ -108,6 +108,7 @@ const RuleCase kRuleCases[] = {
     // Exponential, P4 = 0: y = ln(((x - P7) P6 - P3) / P1) / P2, 0 when P1 (or P2) is 0;
     // x = (exp(y P2) P1 + P3) / (exp(y P5) P4 + P6) + P7: (2.5 * 2 + 1) / 3 + 1.
     {7, kExpA, kBoth, 3, 2 * std::log(2.5)}, {7, {0, 0.5, 1, 0, 0, 3, 1}, kFwd, 3, 0},
+    {7, {2, 0, 1, 0, 0, 3, 1}, kFwd, 3, 0},
     // P1 and P4 set: the raw value passes. P1 = 0: y = ln((P3 / v - P6) / P4) / P5, v = x - P7;
     // 0 when P5 or v is 0 (8 / (1.5 * 2 + 1) + 1). The inverse's exp(0) * -1 + 1 = 0.
     {7, kExpPass, kFwd, -17.25, -17.25}, {7, kExpB, kBoth, 3, 2 * std::log(1.5)},
@@ -186,6 +187,14 @@ TEST(ConversionTest, RulesBothWays) {
   EXPECT_EQ(v, -0x1p64 + 1);
   EXPECT_EQ(korvel::to_physical_unsigned(lin.data(), 1ull << 63, &v), 0);
   EXPECT_EQ(v, 0x1p64 + 1);
+  // No rule: the identity; an unsupported one: 1021, and the integer passes.
+  EXPECT_EQ(korvel::to_physical_signed(nullptr, -7, &v), 0);
+  EXPECT_EQ(v, -7);
+  Bytes unknown = make_cc(13, 2, {1.0, 2.0});
+  EXPECT_EQ(korvel::to_physical_signed(unknown.data(), -3, &v), MDF_UNSUPPORTED_RULE);
+  EXPECT_EQ(v, -3);
+  EXPECT_EQ(korvel::to_physical_unsigned(unknown.data(), 11, &v), MDF_UNSUPPORTED_RULE);
+  EXPECT_EQ(v, 11);
 }
 
 // A verbal range table with `n` entries whose entry 0 links to `link`; the pair behind it

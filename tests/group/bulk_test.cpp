@@ -1,6 +1,6 @@
 // Array reads against the per-value functions: a table of layouts (data types, bit positions,
-// byte orders) times conversion rules, in sorted and unsorted data groups, and the
-// several-channel functions against the one-channel ones there; the range edges.
+// byte orders) times conversion rules, in sorted and unsorted data groups; the range edges, where
+// the several-channel read is compared with the one-channel read.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -223,7 +223,10 @@ TEST_F(BulkRead, RangeEdgesGiveTheValuesThereAreAndStatusOneAndBadArgumentsAreRe
       std::vector<double> rows(2 * e.count + 1, -7.0);  // a row of `count` values per channel
       EXPECT_EQ(mdfChnReadPhyArrays(rows.data(), &done, twice, 2, e.first, e.count), e.status);
       EXPECT_EQ(done, e.done);
-      for (uint32_t i = 0; i < done; ++i) EXPECT_EQ(rows[e.count + i], v[i]);
+      for (uint32_t i = 0; i < done; ++i) {
+        EXPECT_EQ(std::make_pair(rows[i], rows[e.count + i]), std::make_pair(v[i], v[i])) << i;
+      }
+      EXPECT_EQ(rows[2 * e.count], -7.0);
     }
     // Reading one at a time from the end backwards, through the kept records.
     for (uint32_t r = 10; r-- > 0;) {

@@ -183,6 +183,9 @@ TEST_F(GroupApi, DamagedDataSections) {
        [](Built& b) { b.patch_u8(b.data_groups[0].channel_groups[1].records[0], 9); }, 1,
        MDF_ERR_FORMAT},
       {"records cut off", 1, [](Built& b) { b.truncate(b.size() - 3); }, 4, MDF_ERR_FORMAT},
+      {"unknown record id, two ids", 2,
+       [](Built& b) { b.patch_u8(b.data_groups[0].channel_groups[1].records[0], 9); }, 1,
+       MDF_ERR_FORMAT},
       {"last record without its trailing id", 2, [](Built& b) { b.truncate(b.size() - 1); }, 4,
        MDF_ERR_FORMAT},
       {"records cut off, sorted: the group ends before", 0,
@@ -334,7 +337,11 @@ TEST_F(GroupApi, ModifyModeWritesRecordsAndDeletesGroups) {
   const auto in = write(built);
   mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
   mdf_group* g = open_group(file, 4, MDF_OPEN_MODIFY);
-  EXPECT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_ABS), MDF_END_OF_GROUP);
+  uint32_t count = 9;
+  EXPECT_EQ(mdfGrpRecords(&count, g), 0);
+  EXPECT_EQ(count, 0u);
+  for (int32_t p : {0, 1, -1}) EXPECT_EQ(mdfGrpSeek(g, p, MDF_SEEK_ABS), MDF_END_OF_GROUP);
+  EXPECT_EQ(mdfGrpSeek(g, 0, MDF_SEEK_REL), MDF_END_OF_GROUP);
   EXPECT_EQ(mdfGrpBuffer(nullptr, g), 2 + 24);
   EXPECT_EQ(mdfGrpWrite(g), MDF_END_OF_GROUP);
   EXPECT_EQ(mdfGrpDelete(file, 4), MDF_GROUP_IS_OPEN);

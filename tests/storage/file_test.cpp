@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -107,8 +108,13 @@ TEST_F(FileApi, ModifiedHeaderKeepsItsSizeAndAppendsItsComment) {
   }
   EXPECT_EQ(mdftest::read_file(in).header.comment, "old comment");
   mdf_file* file = open_file(in, MDF_OPEN_MODIFY);
+  const char *before = nullptr, *after = nullptr;
+  ASSERT_EQ(mdfFileGetText(file, &before), 0);
+  EXPECT_STREQ(before, "old comment");
   ASSERT_EQ(mdfFileSetDate(file, "01:02:2003"), 0);
   ASSERT_EQ(mdfFileSetText(file, ""), 0);
+  ASSERT_EQ(mdfFileGetText(file, &after), 0);
+  EXPECT_STREQ(after, "");
   ASSERT_EQ(mdfFileClose(file), 0);
   const auto r = mdftest::read_file(in);
   ASSERT_TRUE(r.ok()) << r.error_text();
@@ -122,15 +128,27 @@ TEST_F(FileApi, ChannelBlocksOfAVaxDFileAsRead) {
   struct Case {
     uint16_t size, data_type, bits, expected_type, links;
   };
-  const Case cases[] = {
-      {218, 2, 64, 3, 5}, {222, 3, 32, 2, 6}, {228, 2, 32, 2, 7}, {240, 0, 16, 0, 7}};
+  const Case cases[] = {{218, 2, 64, 3, 5},
+                        {222, 3, 32, 2, 6},
+                        {228, 2, 32, 2, 7},
+                        {228, 3, 64, 3, 7},
+                        {240, 0, 16, 0, 7}};
   auto f = small_file();
   f.id.float_format = 2;
-  // The converter is checked against hand-worked bit patterns by the VAX tests.
+  // VAX D, worked out here: sign, exponent + 128 and a 55-bit fraction in four 16-bit words,
+  // the most significant word first, each little-endian.
   f.encode_real = [](double v) {
-    std::array<uint8_t, 8> out;
-    std::memcpy(out.data(), &v, 8);
-    mdfPCDoubleToVAXDFloat(out.data());
+    std::array<uint8_t, 8> out{};
+    if (v == 0.0) return out;
+    int e = 0;
+    const double m = std::frexp(std::fabs(v), &e);  // m in [0.5, 1)
+    const auto fraction = static_cast<uint64_t>(std::ldexp(m * 2.0 - 1.0, 55));
+    const uint64_t bits = (uint64_t{v < 0} << 63) | (uint64_t(e + 128) << 55) | fraction;
+    for (int w = 0; w < 4; ++w) {
+      const auto word = static_cast<uint16_t>(bits >> (48 - 16 * w));
+      out[2 * w] = static_cast<uint8_t>(word);
+      out[2 * w + 1] = static_cast<uint8_t>(word >> 8);
+    }
     return out;
   };
   auto& group = f.data_groups[0].channel_groups[0];
