@@ -510,8 +510,9 @@ mdftest::FileModel ten_records() {
 // Each call in a fresh session on the ten-record file, opened with its group 1 in the given
 // modes, channels 1 to 4 open in h[1..4] and the cursor at the given record: its status, the
 // value it gives (-1: none), where the cursor stands afterwards (not asked after a raised
-// failure) and the sticky error it leaves.
+// failure), whether it wrote a log line, and the sticky error it leaves.
 TEST_F(ChannelApi, CallsOnTheTenRecordFile) {
+  mdfPrintMessage("calls");  // the log is created (and emptied) at this process's first line
   const auto file = write(ten_records());
   const auto before = mdftest::load_file(file);
   Ch c = nullptr;
@@ -535,44 +536,53 @@ TEST_F(ChannelApi, CallsOnTheTenRecordFile) {
   constexpr uint16_t R = MDF_OPEN_READ, M = MDF_OPEN_MODIFY;
   const int16_t kRule = MDF_UNSUPPORTED_RULE, kRange = MDF_RANGE_UNKNOWN, kU = kUnsupported;
   // clang-format off
-  const std::tuple<uint16_t, uint16_t, int32_t, Call, int16_t, double, uint32_t> cases[] = {
+  const std::tuple<uint16_t, uint16_t, int32_t, Call, int16_t, double, uint32_t, bool> cases[] = {
       // A Get with an offset reads that record and moves the cursor back.
-      {R, R, 2, [&] { return mdfChnGetPhy(&v, h[1], 0); }, 0, 514, 2},
-      {R, R, 2, [&] { return mdfChnGetPhy(&v, h[1], -2); }, 0, 0, 2},
-      {R, R, 0, [&] { return mdfChnGetPhy(&v, h[1], 9); }, 0, 2313, 0},
-      {R, R, 3, [&] { return get_data(h[1], -1); }, 0, 514, 3},
-      {R, R, 3, [&] { return get_data(h[2], 0); }, 0, 3004, 3},  // cut to the room
+      {R, R, 2, [&] { return mdfChnGetPhy(&v, h[1], 0); }, 0, 514, 2, false},
+      {R, R, 2, [&] { return mdfChnGetPhy(&v, h[1], -2); }, 0, 0, 2, false},
+      {R, R, 0, [&] { return mdfChnGetPhy(&v, h[1], 9); }, 0, 2313, 0, false},
+      {R, R, 3, [&] { return get_data(h[1], -1); }, 0, 514, 3, false},
+      {R, R, 3, [&] { return get_data(h[2], 0); }, 0, 3004, 3, false},  // cut to the room
       // Outside the records: 1, the cursor unmoved.
-      {R, R, 5, [&] { return mdfChnGetPhy(&v, h[1], 5); }, kEnd, 0, 5},
-      {R, R, 2, [&] { return mdfChnGetPhy(&v, h[1], -3); }, kEnd, 0, 2},
-      {R, R, 7, [&] { return mdfChnGetPhy(&v, h[1], -32768); }, kEnd, 0, 7},
+      {R, R, 5, [&] { return mdfChnGetPhy(&v, h[1], 5); }, kEnd, 0, 5, false},
+      {R, R, 2, [&] { return mdfChnGetPhy(&v, h[1], -3); }, kEnd, 0, 2, false},
+      {R, R, 0, [&] { return mdfChnGetPhy(&v, h[1], 32767); }, kEnd, 0, 0, false},
+      {R, R, 7, [&] { return mdfChnGetPhy(&v, h[1], -32768); }, kEnd, 0, 7, false},
       // A value that cannot be decoded (40 bits as a double) leaves the cursor at the record
       // it was read from; no bytes of a field that is not byte aligned, no text formula inverted.
-      {R, R, 1, [&] { return mdfChnGetHex(&v, h[2], 2); }, kU, 0, 3},
-      {R, R, 4, [&] { return get_data(h[3], 0); }, kAlign, 0, 4},
-      {R, R, 0, [&] { return mdfChnSetData(h[3], b, 1); }, kAlign, -1, 0},
-      {R, R, 0, [&] { return mdfChnSetPhy(h[4], 10.0); }, kRule, -1, 0},
-      {R, R, 0, [&] { return mdfChnGetHexRange(&v, &hi, h[1]); }, kRange, 0, 0},
-      // Refused modes; mode 1 is passed on to the group, which refuses it for a file opened for
-      // reading.
-      {R, R, 0, [&] { return mdfGrpChnOpen(&c, &out, f_, 2, 3); }, kMode, -1, 0},
-      {R, R, 0, [&] { return mdfGrpChnOpenName(&c, &out, f_, "u16", 1); }, kMode, -1, 0},
+      {R, R, 1, [&] { return mdfChnGetHex(&v, h[2], 2); }, kU, 0, 3, false},
+      {R, R, 4, [&] { return get_data(h[3], 0); }, kAlign, 0, 4, false},
+      {R, R, 0, [&] { return mdfChnSetData(h[3], b, 1); }, kAlign, -1, 0, false},
+      {R, R, 0, [&] { return mdfChnSetPhy(h[4], 10.0); }, kRule, -1, 0, false},
+      {R, R, 0, [&] { return mdfChnGetHexRange(&v, &hi, h[1]); }, kRange, 0, 0, false},
+      // Misses: some are logged.
+      {R, R, 0, [&] { return mdfChnOpen(&c, g, 99); }, kNoChannel, -1, 0, true},
+      {R, R, 0, [&] { return mdfChnOpenTime(&c, g); }, MDF_TIME_CHN_NOT_FOUND, -1, 0, true},
+      {R, R, 0, [&] { return mdfChnOpenName(&c, g, "none"); }, MDF_CHN_NAME_NOT_FOUND, -1, 0,
+       false},
+      // Refused modes are logged; mode 1 is passed on to the group, which refuses it for a file
+      // opened for reading.
+      {R, R, 0, [&] { return mdfGrpChnOpen(&c, &out, f_, 2, 3); }, kMode, -1, 0, true},
+      {R, R, 0, [&] { return mdfGrpChnOpenName(&c, &out, f_, "u16", 1); }, kMode, -1, 0, true},
       // No channel is created in an existing group: one open for modifying, or one open for
       // reading in a file open for modifying (whose channel group a modifying handle writes).
-      {M, M, 0, create, kMode, -1, 0}, {M, R, 0, create, kMode, -1, 0},
+      {M, M, 0, create, kMode, -1, 0, true}, {M, R, 0, create, kMode, -1, 0, true},
   };
   // clang-format on
   for (size_t i = 0; i < std::size(cases); ++i) {
-    const auto& [file_mode, group_mode, cursor, call, status, value, cursor_after] = cases[i];
+    const auto& [file_mode, group_mode, cursor, call, status, value, cursor_after, logged] =
+        cases[i];
     SCOPED_TRACE(i);
     restart();
     g = open(file, file_mode, group_mode);
     h = {nullptr, open_channel(g, 1), open_channel(g, 2), open_channel(g, 3), open_channel(g, 4)};
     ASSERT_EQ(mdfGrpSeek(g, cursor, MDF_SEEK_ABS), 0);
+    const size_t log = mdftest::log_text().size();
     c = nullptr;
     out = nullptr;
     v = -1.0;
     EXPECT_EQ(call(), status);
+    EXPECT_EQ(mdftest::log_text().size() > log, logged);
     uint32_t tell = 99;
     EXPECT_EQ(status >= 0 ? mdfGrpTell(&tell, g) : 0, 0);
     if (status < 0) tell = cursor_after;  // not asked after a raised failure
@@ -705,8 +715,8 @@ TEST_F(ChannelApi, DuplicatedChannelsCarryTheirPropertiesIntoAnotherFile) {
   for (size_t i = 0; i < 3; ++i) ASSERT_EQ(mdfChnDuplicate(&to[i], dg, open_channel(sg, i + 1)), 0);
   // Properties set on the copies reach the file as well: a name that fills its field, a
   // description cut to 128 characters, a comment removed, the raster and both value ranges,
-  // which a copy does not take over (no rule; a rule, range not valid). A second handle on a
-  // block sees the changes of the first.
+  // which a copy does not take over (both copies asked have a rule and no valid range). A
+  // second handle on a block sees the changes of the first.
   double lo = 0, hi = 0, raster = 0;
   const Ch old_again = open_channel(dg, 3);
   const std::vector<int16_t> st = {
